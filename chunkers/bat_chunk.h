@@ -1,0 +1,120 @@
+// Chunk records: the unit of work that travels from a chunker to a writer.
+//
+// An elementary chunk owns one buffer of values for one column file; a composite chunk
+// bundles elementary chunks that belong together (dictionary entries with their codes, a
+// string tail with its heap, the files of a time-levels column) without owning them.
+// Threading: a chunk is filled by one chunker thread, then handed to exactly one writer.
+#ifndef QOPCI_CHUNKERS_BAT_CHUNK_H_
+#define QOPCI_CHUNKERS_BAT_CHUNK_H_
+
+#include <cstdint>
+
+namespace qopci {
+
+class BATChunk {
+ public:
+  BATChunk(uint64_t capacity) : capacity_(capacity) {}
+  BATChunk(const BATChunk&) = delete;
+  BATChunk& operator=(const BATChunk&) = delete;
+  virtual ~BATChunk() = default;
+
+  virtual uint64_t GetCapacity() const { return capacity_; }  // values it can hold
+  virtual uint64_t GetSize() const { return size_; }          // bytes filled
+  // Number of elementary chunks this chunk counts as.
+  virtual int GetPartCount() const = 0;
+  // True when no further value may be stored.
+  virtual bool IsFull() const = 0;
+
+  uint64_t capacity_;
+  uint64_t size_ = 0;
+};
+
+// One buffer of fixed-width values; the chunk owns it.
+template <typename T>
+class SimpleTypeChunk : public BATChunk {
+ public:
+  explicit SimpleTypeChunk(uint64_t capacity)
+      : BATChunk(capacity), buffer_(new T[capacity]) {}
+  ~SimpleTypeChunk() override { delete[] buffer_; }
+
+  int GetPartCount() const override { return 1; }
+  bool IsFull() const override { return static_cast<uint64_t>(count_) >= capacity_; }
+
+  T* buffer_;
+  int32_t count_ = 0;  // values stored; the next goes to buffer_[count_]
+};
+
+// One batch of dictionary codes with the entries first seen in it. Members are not owned.
+template <typename T>
+class KeyValueChunk : public BATChunk {
+ public:
+  KeyValueChunk(BATChunk* keys, BATChunk* key_codes, BATChunk* codes)
+      : BATChunk(codes ? codes->GetCapacity() : 0),
+        keys_(keys),
+        key_codes_(key_codes),
+        codes_(codes) {}
+
+  int GetPartCount() const override {
+    return keys_->GetPartCount() + key_codes_->GetPartCount() + codes_->GetPartCount();
+  }
+  // Every new key is also a row, so the code chunk fills first.
+  bool IsFull() const override { return codes_->IsFull(); }
+
+  BATChunk* keys_;       // new dictionary keys, first-seen order
+  BATChunk* key_codes_;  // the codes given to those keys
+  BATChunk* codes_;      // one code per row of the batch
+};
+
+// A string tail batch with the heap bytes added since the heap's last flush. GetSize is
+// the number of those heap bytes. Members are not owned.
+class StringChunk : public BATChunk {
+ public:
+  StringChunk(int32_t capacity, char* heap) : BATChunk(capacity), heap_(heap) {}
+
+  // One chunk although it holds four members; writers append exactly one of them.
+  int GetPartCount() const override { return 1; }
+  bool IsFull() const override {
+    for (BATChunk* m : offsets_)
+      if (m && m->IsFull()) return true;
+    return false;
+  }
+
+  BATChunk* offsets_[4] = {nullptr, nullptr, nullptr, nullptr};  // widths 1, 2, 4, 8
+  char* heap_;                  // first heap byte added since the last flush
+  int32_t width_ = 1;           // tail offset width the writer is to use
+  bool restart_heap_ = true;    // rewrite the heap file from position 0
+  bool heap_rewritten_ = false; // the heap was rewritten since the last chunk
+};
+
+// The three files of a timestamp column split into levels. Members are not owned.
+class TesselTimestampChunk : public BATChunk {
+ public:
+  TesselTimestampChunk(BATChunk* a, BATChunk* b, BATChunk* c)
+      : BATChunk(a->GetCapacity()), members_{a, b, c} {}
+  int GetPartCount() const override {
+    return members_[0]->GetPartCount() + members_[1]->GetPartCount() +
+           members_[2]->GetPartCount();
+  }
+  bool IsFull() const override { return members_[0]->IsFull(); }
+
+  BATChunk* members_[3];
+};
+
+// The five files of a time-levels column. Members are not owned.
+class TesselTimeLevelsChunk : public BATChunk {
+ public:
+  explicit TesselTimeLevelsChunk(BATChunk* const (&m)[5])
+      : BATChunk(m[0]->GetCapacity()), members_{m[0], m[1], m[2], m[3], m[4]} {}
+  int GetPartCount() const override {
+    int n = 0;
+    for (BATChunk* m : members_) n += m->GetPartCount();
+    return n;
+  }
+  bool IsFull() const override { return members_[0]->IsFull(); }
+
+  BATChunk* members_[5];
+};
+
+}  // namespace qopci
+
+#endif  // QOPCI_CHUNKERS_BAT_CHUNK_H_
