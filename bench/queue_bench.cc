@@ -15,7 +15,9 @@ class TrivialItem : public BaseQItem {
  public:
   TrivialItem(const void* key, uint64_t max_pending) : key_(key), max_pending_(max_pending) {}
   bool Process() override { return true; }
-  void CreateError(char* buf, size_t size) override { if (size > 0) buf[0] = '\0'; }
+  void CreateError(char* buf, size_t size) override {
+    if (size > 0) buf[0] = '\0';
+  }
   uint64_t GetMaxPending() override { return max_pending_; }
   void Release() override { delete this; }
   const void* OrderKey() const override { return key_; }

@@ -263,7 +263,8 @@ TEST(ConcurrentQueueTest, WaitAndDestructorCoverWorkerInsertedItems) {
 
 TEST(ConcurrentQueueTest, WorkerCount) {
   int cores = std::max(1u, std::thread::hardware_concurrency());
-  for (auto [asked, want] : std::vector<std::pair<int, int>>{{0, cores}, {-3, cores}, {1, 1}, {3, 3}}) {
+  for (auto [asked, want] :
+       std::vector<std::pair<int, int>>{{0, cores}, {-3, cores}, {1, 1}, {3, 3}}) {
     ConcurrentQueue q(nullptr, asked);
     EXPECT_EQ(q.WorkerCount(), want) << asked;
   }
