@@ -44,8 +44,9 @@ void BM_QueueItems(benchmark::State& state) {
   }
   const double items = static_cast<double>(state.iterations()) * kItemsPerIteration;
   state.SetItemsProcessed(static_cast<int64_t>(items));
-  state.counters["ns_per_item"] =
-      benchmark::Counter(items * 1e-9, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  // Printed in seconds with an SI prefix: "250n" is 250 ns per item.
+  state.counters["time_per_item"] =
+      benchmark::Counter(items, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void QueueArgs(benchmark::internal::Benchmark* b) {

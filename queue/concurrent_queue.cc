@@ -201,7 +201,9 @@ void ConcurrentQueue::Impl::WorkerLoop() {
       Recycle(s);
     }
     --pending;
-    if (space_waiters > 0 && pending < bound) space_cv.notify_all();
+    // Throttled producers resume once half the bound has drained, so that they insert in
+    // batches instead of waking for every finished item.
+    if (space_waiters > 0 && pending <= bound / 2) space_cv.notify_all();
     if (end_waiters > 0 && pending == 0) end_cv.notify_all();
   }
 }
