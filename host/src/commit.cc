@@ -125,9 +125,11 @@ int TMcommit(void) {
   const std::string text = SerializeCatalog(cat);
   const std::string catalog = k.farm + "/catalog";
   if (!WriteDurable(catalog + ".new", text.data(), text.size(), &why)) return Fail(renames, why);
-  if (Faulted(2) || std::rename((catalog + ".new").c_str(), catalog.c_str()) != 0) {
+  const bool injected = Faulted(2);
+  if (injected || std::rename((catalog + ".new").c_str(), catalog.c_str()) != 0) {
+    why = injected ? "injected failure" : ErrnoText(errno);
     std::remove((catalog + ".new").c_str());
-    return Fail(renames, "cannot rename " + catalog + ".new: " + ErrnoText(errno));
+    return Fail(renames, "cannot rename " + catalog + ".new: " + why);
   }
   SyncPath(k.farm, &why);
   // The commit has taken effect; a crash from here on is finished by the next open.
