@@ -29,7 +29,7 @@ struct Catalog {
   std::vector<CatalogEntry> bats;
 };
 
-// Text of the catalog for the pool's persistent BATs; `pending` gives kPending* bits per id.
+// Text of the catalog, checksum line included.
 std::string SerializeCatalog(const Catalog& c);
 
 // Parses and checks a catalog text; false with *why on any fault.
