@@ -78,9 +78,9 @@ bool MMFByteWriter::Write(const void* data, uint64_t length) {
   mmf_->Map(end, position_);
   span_ = mmf_->Data();
   if (!span_) return false;
-  mmf_->SetLogicalSize(end);
   span_length_ = length;
   if (!CopyBlock(mmf_.get(), span_, data, length, position_)) return false;
+  mmf_->SetLogicalSize(end);
   written_count_ += length;
   mmf_->Flush();
   position_ = end;
