@@ -59,11 +59,11 @@ class BATWriter {
   ConcurrentQueue* GetQueue() const { return queue_; }
 
  protected:
-  const char* file_name_;      // reported in error texts; not owned
-  uint64_t existing_count_;    // values already in the column
+  const char* file_name_;    // reported in error texts; not owned
+  uint64_t existing_count_;  // values already in the column
   ConcurrentQueue* queue_ = nullptr;
   bool compressed_ = true;
-  bool keep_existing_;         // files are appended to, not created anew
+  bool keep_existing_;  // files are appended to, not created anew
 };
 
 }  // namespace qopci

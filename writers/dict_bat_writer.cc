@@ -58,9 +58,7 @@ uint64_t DictBATWriter::GetTailMappedSize() {
   return members_[2] ? members_[2]->GetTailMappedSize() : 0;
 }
 
-uint32_t DictBATWriter::GetValueWidth() {
-  return members_[2] ? members_[2]->GetValueWidth() : 0;
-}
+uint32_t DictBATWriter::GetValueWidth() { return members_[2] ? members_[2]->GetValueWidth() : 0; }
 
 uint64_t DictBATWriter::GetHeapSize() { throw "Not implemented"; }
 

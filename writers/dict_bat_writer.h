@@ -64,8 +64,8 @@ class SimpleTypeDictWriter : public DictBATWriter {
   // The names are not copied and must outlive the writer. code_file_name may be null.
   // keep_existing applies to the code file; the dictionary files are always appended to.
   SimpleTypeDictWriter(const char* key_file_name, const char* key_code_file_name,
-                       const char* code_file_name, bool keep_existing,
-                       uint64_t dictionary_count, uint64_t row_count)
+                       const char* code_file_name, bool keep_existing, uint64_t dictionary_count,
+                       uint64_t row_count)
       : DictBATWriter(key_file_name, dictionary_count, row_count, keep_existing,
                       new SimpleTypeBATWriter<T>(key_file_name, true, dictionary_count),
                       new SimpleTypeBATWriter<U>(key_code_file_name, true, dictionary_count),

@@ -18,10 +18,10 @@ bool BufferOf(BATChunk* chunk, const void** buffer) {
 // fills byte chunks for tails of wider values, so the bytes count, not the element type.
 const void* ChunkBytes(BATChunk* chunk) {
   const void* b = nullptr;
-  (BufferOf<char>(chunk, &b) || BufferOf<unsigned char>(chunk, &b) ||
-   BufferOf<short>(chunk, &b) || BufferOf<unsigned short>(chunk, &b) ||
-   BufferOf<int>(chunk, &b) || BufferOf<unsigned int>(chunk, &b) ||
-   BufferOf<int64_t>(chunk, &b) || BufferOf<uint64_t>(chunk, &b) || BufferOf<double>(chunk, &b));
+  (BufferOf<char>(chunk, &b) || BufferOf<unsigned char>(chunk, &b) || BufferOf<short>(chunk, &b) ||
+   BufferOf<unsigned short>(chunk, &b) || BufferOf<int>(chunk, &b) ||
+   BufferOf<unsigned int>(chunk, &b) || BufferOf<int64_t>(chunk, &b) ||
+   BufferOf<uint64_t>(chunk, &b) || BufferOf<double>(chunk, &b));
   return b;
 }
 

@@ -28,7 +28,8 @@ void WriterChunkPair::CreateError(char* buf, size_t size) {
   if (!buf || size == 0) return;
   unsigned long code = static_cast<unsigned long>(errno);
   const char* name = writer_ && writer_->GetFileName() ? writer_->GetFileName() : "";
-  snprintf(buf, size, "WriterChunkPair::CreateError() : Can't insert chunk to file [ %s ] (Error code %lu)",
+  snprintf(buf, size,
+           "WriterChunkPair::CreateError() : Can't insert chunk to file [ %s ] (Error code %lu)",
            name, code);
 }
 

@@ -1,3 +1,5 @@
+#include "writers/mmf/mmf.h"
+
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,7 +13,6 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "writers/mmf/mmf.h"
 #include "writers/mmf/mmf_byte_reader.h"
 #include "writers/mmf/mmf_byte_writer.h"
 #include "writers/mmf/mmf_fault.h"
@@ -59,10 +60,10 @@ TEST_F(MmfTest, OpenModes) {
     uint32_t error;
     int64_t size_after;  // -1: no file
   } cases[] = {
-      {0, false, true, 0, 0},      {0, true, false, EEXIST, 100}, {1, false, false, 2, -1},
-      {1, true, true, 0, 100},     {2, false, true, 0, 0},        {2, true, true, 0, 100},
-      {3, false, false, 2, -1},    {3, true, true, 0, 0},         {4, true, true, 0, 0},
-      {4, false, true, 0, 0},      {5, false, false, 0, -1},      {5, true, false, 0, 100},
+      {0, false, true, 0, 0},   {0, true, false, EEXIST, 100}, {1, false, false, 2, -1},
+      {1, true, true, 0, 100},  {2, false, true, 0, 0},        {2, true, true, 0, 100},
+      {3, false, false, 2, -1}, {3, true, true, 0, 0},         {4, true, true, 0, 0},
+      {4, false, true, 0, 0},   {5, false, false, 0, -1},      {5, true, false, 0, 100},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "mode " << c.mode << " exists " << c.exists);

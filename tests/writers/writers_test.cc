@@ -71,8 +71,11 @@ TEST_F(WritersTest, FixedWidthTailsAppendExactly) {
     std::vector<std::vector<int>> chunks;
     std::string expected;
   } cases[] = {
-      {"existing 1000 starts at byte 4000 and is cut after the last value", true, 1000,
-       {{1, 2, 3}, {4}}, before.substr(0, 4000) + Bytes<int>({1, 2, 3, 4})},
+      {"existing 1000 starts at byte 4000 and is cut after the last value",
+       true,
+       1000,
+       {{1, 2, 3}, {4}},
+       before.substr(0, 4000) + Bytes<int>({1, 2, 3, 4})},
       {"an empty chunk writes nothing", true, 1250, {{}}, before},
       {"not kept: the tail is created anew", false, 0, {{9, 8}, {}, {7}}, Bytes<int>({9, 8, 7})},
   };

@@ -15,12 +15,18 @@ namespace {
 // open(2) flags of each open mode, or -1 for an unknown mode.
 int OpenFlags(uint32_t open_mode) {
   switch (open_mode) {
-    case 0: return O_CREAT | O_EXCL;   // a new file only
-    case 1: return 0;                  // an existing file only
-    case 2: return O_CREAT;            // existing or new
-    case 3: return O_TRUNC;            // an existing file, emptied
-    case 4: return O_CREAT | O_TRUNC;  // new or emptied
-    default: return -1;
+    case 0:
+      return O_CREAT | O_EXCL;  // a new file only
+    case 1:
+      return 0;  // an existing file only
+    case 2:
+      return O_CREAT;  // existing or new
+    case 3:
+      return O_TRUNC;  // an existing file, emptied
+    case 4:
+      return O_CREAT | O_TRUNC;  // new or emptied
+    default:
+      return -1;
   }
 }
 

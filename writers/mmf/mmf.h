@@ -78,22 +78,22 @@ class MMF {
   bool Grow(uint64_t size);
 
   uint32_t view_access_;
-  bool compressed_ = false;               // wanted file-system compression
+  bool compressed_ = false;  // wanted file-system compression
   bool closed_ = false;
-  char* view_base_ = nullptr;             // aligned start of the view
-  uint64_t view_length_ = 0;              // bytes mapped at view_base_
-  uint64_t view_skew_ = 0;                // offset asked for minus the aligned start
+  char* view_base_ = nullptr;  // aligned start of the view
+  uint64_t view_length_ = 0;   // bytes mapped at view_base_
+  uint64_t view_skew_ = 0;     // offset asked for minus the aligned start
   std::unique_ptr<char[]> file_name_;
-  uint64_t logical_size_ = 0;             // bytes that count as written
+  uint64_t logical_size_ = 0;  // bytes that count as written
   uint64_t size_at_open_ = 0;
-  uint64_t requested_size_copy_ = 0;      // requested size, taken at open
+  uint64_t requested_size_copy_ = 0;  // requested size, taken at open
   uint64_t requested_size_;
   uint32_t granularity_ = kGranularity;
-  uint64_t mapping_size_ = 0;             // the file is at least this long
-  uint64_t file_size_ = 0;                // the file's size as this object left it
+  uint64_t mapping_size_ = 0;  // the file is at least this long
+  uint64_t file_size_ = 0;     // the file's size as this object left it
   uint32_t open_mode_;
   int fd_ = -1;
-  bool has_mapping_ = false;              // a mapping of mapping_size_ bytes exists
+  bool has_mapping_ = false;  // a mapping of mapping_size_ bytes exists
 };
 
 }  // namespace qopci

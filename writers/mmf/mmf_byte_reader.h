@@ -16,8 +16,7 @@ namespace qopci {
 
 class MMFByteReader : public MMFManipulator {
  public:
-  explicit MMFByteReader(const std::string& name,
-                         uint64_t requested_size = MMF::kNoRequestedSize);
+  explicit MMFByteReader(const std::string& name, uint64_t requested_size = MMF::kNoRequestedSize);
   ~MMFByteReader() override;
 
   // Opens an existing file (a missing one fails and nothing is created) and maps its first
@@ -46,12 +45,12 @@ class MMFByteReader : public MMFManipulator {
   bool MoveSpan(uint64_t p, bool force);
 
   const char* span_ = nullptr;
-  uint64_t position_ = 0;      // read position
-  uint64_t span_start_ = 0;    // file offset of span_[0]
-  uint64_t span_length_ = 0;   // valid bytes at span_
-  uint64_t span_step_ = 0;     // length of a span that the file's end does not cut
-  bool last_span_ = false;     // the span reaches the end of the file
-  bool empty_ = false;         // the file was empty at open
+  uint64_t position_ = 0;     // read position
+  uint64_t span_start_ = 0;   // file offset of span_[0]
+  uint64_t span_length_ = 0;  // valid bytes at span_
+  uint64_t span_step_ = 0;    // length of a span that the file's end does not cut
+  bool last_span_ = false;    // the span reaches the end of the file
+  bool empty_ = false;        // the file was empty at open
 };
 
 }  // namespace qopci

@@ -43,8 +43,7 @@ bool CopyBlock(MMF* mmf, char* view, const void* data, uint64_t length, uint64_t
 
 }  // namespace
 
-MMFByteWriter::MMFByteWriter(const std::string& name, bool keep_existing,
-                             uint64_t requested_size)
+MMFByteWriter::MMFByteWriter(const std::string& name, bool keep_existing, uint64_t requested_size)
     : MMFManipulator(name, requested_size),
       written_count_(requested_size),
       keep_existing_(keep_existing) {}

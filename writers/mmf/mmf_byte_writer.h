@@ -51,10 +51,10 @@ class MMFByteWriter : public MMFManipulator {
   template <typename T>
   bool WriteScalar(T v);
 
-  char* span_ = nullptr;        // start of the current span in memory
-  uint64_t position_ = 0;       // file offset of the next byte
+  char* span_ = nullptr;   // start of the current span in memory
+  uint64_t position_ = 0;  // file offset of the next byte
   uint64_t span_length_ = 0;
-  uint64_t written_count_;      // starting size plus the bytes written since
+  uint64_t written_count_;  // starting size plus the bytes written since
   bool keep_existing_;
   bool compressed_ = false;
 };
