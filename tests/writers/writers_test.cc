@@ -1,0 +1,227 @@
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "queue/concurrent_queue.h"
+#include "writers/dict_bat_writer.h"
+#include "writers/mmf/mmf_fault.h"
+#include "writers/simple_type_bat_writer.h"
+#include "writers/writer_chunk_pair.h"
+
+namespace qopci {
+namespace {
+
+int g_destroyed = 0;
+
+// A chunk that counts its destructions.
+template <typename T>
+struct CountedChunk : SimpleTypeChunk<T> {
+  explicit CountedChunk(std::vector<T> values) : SimpleTypeChunk<T>(values.size()) {
+    for (T v : values) {
+      this->buffer_[this->count_++] = v;
+      this->size_ += sizeof(T);
+    }
+  }
+  ~CountedChunk() override { ++g_destroyed; }
+};
+
+class WritersTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/writers_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    g_destroyed = 0;
+  }
+  void TearDown() override {
+    MMFInjectFailure(0);
+    std::filesystem::remove_all(dir_);
+  }
+  std::string Path(const char* name) { return dir_ + "/" + name; }
+  static std::string Get(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  static void Put(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+  }
+  template <typename T>
+  static std::string Bytes(std::vector<T> v) {
+    return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(T));
+  }
+
+  std::string dir_;
+};
+
+TEST_F(WritersTest, FixedWidthTailsAppendExactly) {
+  const std::string before = Bytes(std::vector<int>(1250, 7));  // 5000 bytes
+  struct Case {
+    const char* name;
+    bool keep;
+    uint64_t existing;
+    std::vector<std::vector<int>> chunks;
+    std::string expected;
+  } cases[] = {
+      {"existing 1000 starts at byte 4000 and is cut after the last value",
+       true,
+       1000,
+       {{1, 2, 3}, {4}},
+       before.substr(0, 4000) + Bytes<int>({1, 2, 3, 4})},
+      {"an empty chunk writes nothing", true, 1250, {{}}, before},
+      {"not kept: the tail is created anew", false, 0, {{9, 8}, {}, {7}}, Bytes<int>({9, 8, 7})},
+  };
+  for (bool queued : {false, true}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(testing::Message() << c.name << (queued ? ", queued" : ", direct"));
+      std::string path = Path("tail");
+      Put(path, before);
+      g_destroyed = 0;
+      ConcurrentQueue queue(nullptr, 2);
+      SimpleTypeBATWriter<int> w(path.c_str(), c.keep, c.existing);
+      if (queued) w.SetQueue(&queue);
+      ASSERT_TRUE(w.Open());
+      for (const auto& values : c.chunks) {
+        ASSERT_TRUE(SubmitChunk(&w, new CountedChunk<int>(values), true));
+      }
+      queue.WaitForProcessingEnd();
+      EXPECT_TRUE(queue.m_bOK);
+      EXPECT_EQ(g_destroyed, static_cast<int>(c.chunks.size()));
+      EXPECT_EQ(w.GetValueWidth(), 4u);
+      EXPECT_EQ(w.GetTailSize(), c.expected.size());
+      w.Close();
+      EXPECT_EQ(w.GetTailMappedSize(), c.expected.size());
+      EXPECT_TRUE(Get(path) == c.expected);
+    }
+  }
+}
+
+TEST_F(WritersTest, DictionaryWriterFiles) {
+  for (bool with_codes : {true, false}) {
+    for (bool queued : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "codes " << with_codes << " queued " << queued);
+      std::filesystem::remove_all(dir_);
+      std::filesystem::create_directory(dir_);
+      std::string keys = Path("keys"), key_codes = Path("key_codes"), codes = Path("codes");
+      Put(keys, Bytes<int64_t>({100, 200}));
+      Put(key_codes, Bytes<unsigned>({1, 2}));
+      Put(codes, Bytes<unsigned>({1, 2, 2, 99}));  // three rows count; the fourth goes
+      g_destroyed = 0;
+      ConcurrentQueue queue(nullptr, 3);
+      SimpleTypeDictWriter<int64_t, unsigned, unsigned> w(
+          keys.c_str(), key_codes.c_str(), with_codes ? codes.c_str() : nullptr, true, 2, 3);
+      if (queued) w.SetQueue(&queue);
+      std::list<BATWriter*> registered;
+      w.RegisterIn(registered);
+      EXPECT_EQ(registered.size(), with_codes ? 4u : 3u);
+      EXPECT_EQ(registered.front(), &w);
+      ASSERT_TRUE(w.Open());
+      for (int round = 0; round < 2; ++round) {
+        auto* kv = new KeyValueChunk<unsigned>(
+            new CountedChunk<int64_t>({300 + round}), new CountedChunk<unsigned>({3u + round}),
+            new CountedChunk<unsigned>({3u + round, 1, 3u + round}));
+        ASSERT_TRUE(SubmitChunk(&w, kv, true));
+      }
+      queue.WaitForProcessingEnd();
+      EXPECT_TRUE(queue.m_bOK);
+      EXPECT_EQ(g_destroyed, 6);
+      EXPECT_THROW(w.GetHeapSize(), const char*);
+      try {
+        w.GetHeapMappedSize();
+      } catch (const char* text) {
+        EXPECT_STREQ(text, "Not implemented");
+      }
+      EXPECT_EQ(w.GetValueWidth(), with_codes ? 4u : 0u);
+      w.Close();
+      EXPECT_TRUE(Get(keys) == Bytes<int64_t>({100, 200, 300, 301}));
+      EXPECT_TRUE(Get(key_codes) == Bytes<unsigned>({1, 2, 3, 4}));
+      std::string want_codes = with_codes ? Bytes<unsigned>({1, 2, 2, 3, 1, 3, 4, 1, 4})
+                                          : Bytes<unsigned>({1, 2, 2, 99});
+      EXPECT_TRUE(Get(codes) == want_codes);
+    }
+  }
+}
+
+// A failed write names the file and errno; its chunk is destroyed once, by ReleaseAll.
+TEST_F(WritersTest, WorkItemErrorsAndChunkOwnership) {
+  struct Case {
+    const char* name;
+    bool open;
+    int inject_errno;  // 0: no injected failure
+    bool ok;
+    unsigned long code;
+  } cases[] = {
+      {"written", true, 0, true, 0},
+      {"disk full while growing the tail", true, ENOSPC, false, ENOSPC},
+      {"I/O error", true, EIO, false, EIO},
+      {"tail never opened", false, 0, false, EBADF},
+  };
+  for (bool queued : {false, true}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(testing::Message() << c.name << (queued ? ", queued" : ", direct"));
+      std::string path = Path("col.tail");
+      std::remove(path.c_str());
+      g_destroyed = 0;
+      SimpleTypeBATWriter<short> w(path.c_str(), false, 0);
+      if (c.open) {
+        ASSERT_TRUE(w.Open());
+      }
+      std::string want = "WriterChunkPair::CreateError() : Can't insert chunk to file [ " + path +
+                         " ] (Error code " + std::to_string(c.code) + ")";
+      if (c.inject_errno) MMFInjectFailure(1, c.inject_errno);
+      if (queued) {
+        ConcurrentQueue queue(nullptr, 1);
+        w.SetQueue(&queue);
+        queue.ResetOK();
+        ASSERT_TRUE(SubmitChunk(&w, new CountedChunk<short>({1, 2}), true));
+        queue.WaitForProcessingEnd();
+        EXPECT_EQ(queue.m_bOK, c.ok);
+        EXPECT_EQ(queue.ErrorText(), c.ok ? "" : want);
+      } else {
+        auto* item = new WriterChunkPair(&w, new CountedChunk<short>({1, 2}));
+        EXPECT_EQ(item->OrderKey(), &w);
+        bool ok = item->Process();
+        EXPECT_EQ(ok, c.ok);
+        char text[256];
+        item->CreateError(text, sizeof(text));
+        if (!ok) {
+          EXPECT_EQ(std::string(text), want);
+        }
+        ok ? item->Release() : item->ReleaseAll();
+      }
+      MMFInjectFailure(0);
+      EXPECT_EQ(g_destroyed, 1);
+      w.Close();
+      EXPECT_EQ(Get(path), c.ok ? Bytes<short>({1, 2}) : "");
+    }
+  }
+}
+
+TEST_F(WritersTest, MaxPendingIsAHundredthOfFreeMemoryInChunks) {
+  std::string meminfo = Path("meminfo");
+  Put(meminfo, "MemTotal:       16000000 kB\nMemAvailable:    8388608 kB\n");
+  EXPECT_EQ(MemAvailableFrom(meminfo.c_str()), 8ull << 30);
+  EXPECT_EQ(MemAvailableFrom(Path("missing").c_str()), 0u);
+  struct Case {
+    uint64_t available, capacity, want;
+  } cases[] = {
+      {8ull << 30, 1048576, 81},
+      {kUnknownAvailableMemory, 1048576, 10},
+      {kUnknownAvailableMemory, 0, 10737418},
+  };
+  for (const Case& c : cases) EXPECT_EQ(MaxPendingChunks(c.available, c.capacity), c.want);
+  WriterChunkPair item(nullptr, nullptr);
+  EXPECT_EQ(item.GetMaxPending(), MaxPendingChunks(AvailableMemory(), 1));
+  EXPECT_GT(AvailableMemory(), 0u);
+}
+
+}  // namespace
+}  // namespace qopci

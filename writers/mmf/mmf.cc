@@ -1,0 +1,183 @@
+#include "writers/mmf/mmf.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "writers/mmf/mmf_fault.h"
+#include "writers/mmf/mmf_os.h"
+
+namespace qopci {
+namespace {
+
+// open(2) flags of each open mode, or -1 for an unknown mode.
+int OpenFlags(uint32_t open_mode) {
+  switch (open_mode) {
+    case 0:
+      return O_CREAT | O_EXCL;  // a new file only
+    case 1:
+      return 0;  // an existing file only
+    case 2:
+      return O_CREAT;  // existing or new
+    case 3:
+      return O_TRUNC;  // an existing file, emptied
+    case 4:
+      return O_CREAT | O_TRUNC;  // new or emptied
+    default:
+      return -1;
+  }
+}
+
+}  // namespace
+
+MMF::MMF(const char* name, uint32_t open_mode, uint32_t view_access, uint64_t requested_size)
+    : view_access_(view_access), requested_size_(requested_size), open_mode_(open_mode) {
+  size_t n = name ? std::strlen(name) : 0;
+  file_name_.reset(new char[n + 1]);
+  if (n) std::memcpy(file_name_.get(), name, n);
+  file_name_[n] = '\0';
+}
+
+MMF::~MMF() {
+  if (!closed_) Close();
+}
+
+bool MMF::Open(uint32_t* error) {
+  *error = 0;
+  int flags = OpenFlags(open_mode_);
+  if (flags < 0) return false;
+  fd_ = mmf_os::Open(file_name_.get(), O_RDWR | flags, 0644);
+  if (fd_ < 0) {
+    *error = static_cast<uint32_t>(errno);
+    if (errno == ENOENT) {
+      logical_size_ = mapping_size_ = size_at_open_ = requested_size_copy_ = 0;
+    }
+    return false;
+  }
+  struct stat st;
+  if (mmf_os::Fstat(fd_, &st) != 0) {
+    *error = static_cast<uint32_t>(errno);
+    {
+      mmf_os::ErrnoKeeper keep;
+      mmf_os::Close(fd_);
+    }
+    fd_ = -1;
+    return false;
+  }
+  file_size_ = mapping_size_ = size_at_open_ = static_cast<uint64_t>(st.st_size);
+  requested_size_copy_ = requested_size_;
+  logical_size_ = requested_size_ == kNoRequestedSize ? file_size_ : requested_size_;
+  has_mapping_ = file_size_ != 0;
+  return true;
+}
+
+void MMF::Unmap() {
+  if (!view_base_) return;
+  mmf_os::ErrnoKeeper keep;
+  mmf_os::Munmap(view_base_, view_length_);
+  view_base_ = nullptr;
+  view_length_ = 0;
+}
+
+bool MMF::Grow(uint64_t size) {
+  if (size <= file_size_) return true;
+  if (mmf_os::Fallocate(fd_, static_cast<off_t>(file_size_),
+                        static_cast<off_t>(size - file_size_)) != 0) {
+    return false;
+  }
+  file_size_ = size;
+  return true;
+}
+
+void* MMF::Map(uint64_t end, uint64_t offset) {
+  Unmap();
+  // The mapping is made anew when the range reaches beyond it, and also when the range
+  // spans more than one granule past offset: then with one granule to spare.
+  bool anew = false;
+  uint64_t new_size = mapping_size_;
+  if (end > mapping_size_) {
+    anew = true;
+    new_size = end;
+  } else if (offset + granularity_ < end) {
+    anew = true;
+    new_size = end + granularity_;
+  }
+  if (anew) {
+    if (new_size - offset < granularity_) new_size = offset + granularity_;
+    if (!Grow(new_size)) return nullptr;
+    mapping_size_ = new_size;
+    has_mapping_ = true;
+  }
+  uint64_t aligned = offset - offset % granularity_;
+  view_skew_ = offset - aligned;
+  if (mapping_size_ <= aligned) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  uint64_t length = mapping_size_ - aligned;
+  int prot = view_access_ == kReadAccess ? PROT_READ : PROT_READ | PROT_WRITE;
+  void* p = mmf_os::Mmap(length, prot, fd_, static_cast<off_t>(aligned));
+  if (p == MAP_FAILED) return nullptr;
+  view_base_ = static_cast<char*>(p);
+  view_length_ = length;
+  return p;
+}
+
+bool MMF::MapAll() {
+  Map(mapping_size_, 0);
+  logical_size_ = mapping_size_;
+  return true;
+}
+
+bool MMF::MapAndSetSize(uint64_t end, uint64_t offset) {
+  Map(end, offset);
+  logical_size_ = end;
+  return true;
+}
+
+void MMF::SetFileSize(uint64_t size) {
+  if (size == mapping_size_ || fd_ < 0) return;
+  mmf_os::ErrnoKeeper keep;
+  // A mapped file cannot be cut below its mapping: pages beyond the end would fault.
+  if (has_mapping_ && size < mapping_size_) return;
+  if (mmf_os::Ftruncate(fd_, static_cast<off_t>(size)) == 0) file_size_ = size;
+}
+
+bool MMF::Flush() {
+  if (view_access_ == kReadAccess) return true;
+  if (view_base_ && MMFGetTuning().start_writeback) {
+    mmf_os::ErrnoKeeper keep;
+    uint64_t start = mapping_size_ - view_length_;  // the view ends at the mapping's end
+    mmf_os::SyncRange(fd_, static_cast<off_t>(start), static_cast<off_t>(view_length_));
+  }
+  return true;
+}
+
+bool MMF::Close() {
+  if (fd_ < 0) {
+    closed_ = true;
+    return true;
+  }
+  if (view_access_ != kReadAccess) Flush();
+  Unmap();
+  has_mapping_ = false;
+  {
+    mmf_os::ErrnoKeeper keep;
+    uint64_t target = mapping_size_;
+    if (view_access_ == kWriteAccess) target = logical_size_;
+    if (view_access_ == kReadAccess) target = size_at_open_;
+    if (target != mapping_size_ && mmf_os::Ftruncate(fd_, static_cast<off_t>(target)) == 0) {
+      file_size_ = target;
+    }
+    struct stat st;
+    if (mmf_os::Fstat(fd_, &st) == 0) mapping_size_ = static_cast<uint64_t>(st.st_size);
+  }
+  int rc = mmf_os::Close(fd_);
+  fd_ = -1;
+  closed_ = true;
+  return rc == 0;
+}
+
+}  // namespace qopci
