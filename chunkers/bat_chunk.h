@@ -13,7 +13,7 @@ namespace qopci {
 
 class BATChunk {
  public:
-  BATChunk(uint64_t capacity) : capacity_(capacity) {}
+  explicit BATChunk(uint64_t capacity) : capacity_(capacity) {}
   BATChunk(const BATChunk&) = delete;
   BATChunk& operator=(const BATChunk&) = delete;
   virtual ~BATChunk() = default;
@@ -33,14 +33,20 @@ class BATChunk {
 template <typename T>
 class SimpleTypeChunk : public BATChunk {
  public:
+  // A buffer of capacity values, left uninitialised: only the count_ first are written.
   explicit SimpleTypeChunk(uint64_t capacity)
       : BATChunk(capacity), buffer_(new T[capacity]) {}
+  // A zeroed buffer of buffer_length elements for capacity values of a wider slot: the
+  // decimal chunker's bytes, where a slot's untouched bytes must read as zero.
+  // REQUIRES: buffer_length >= capacity.
+  SimpleTypeChunk(uint64_t capacity, uint64_t buffer_length)
+      : BATChunk(capacity), buffer_(new T[buffer_length]()) {}
   ~SimpleTypeChunk() override { delete[] buffer_; }
 
   int GetPartCount() const override { return 1; }
   bool IsFull() const override { return static_cast<uint64_t>(count_) >= capacity_; }
 
-  T* buffer_;
+  T* buffer_;          // owned
   int32_t count_ = 0;  // values stored; the next goes to buffer_[count_]
 };
 
