@@ -88,8 +88,8 @@ Chunker<T>::~Chunker() {
 }
 
 template <typename T>
-void Chunker<T>::InitCastTable(TypeIndexFn type_index, FormatFn format,
-                               FromStringFn from_string, ReleaseFn release) {
+void Chunker<T>::InitCastTable(TypeIndexFn type_index, FormatFn format, FromStringFn from_string,
+                               ReleaseFn release) {
   type_index_ = type_index;
   format_ = format;
   from_string_ = from_string;

@@ -96,18 +96,18 @@ class Chunker : public ChunkerBase {
     }
   }
 
-  CastFn cast_ = nullptr;          // conversion last used by InsertValue
-  int cast_type_ = -1;             // host type number cast_ converts from
-  const char* cast_name_;          // type name cast_ was resolved for; skips the lookup
-  bool cast_direct_ = false;       // the source is stored exactly as T: a plain load
-  void* temporary_ = nullptr;      // host allocation of a string conversion, or null
-  T previous_{};                   // last value seen while the column was sorted
-  bool first_ = true;              // no value seen yet
-  bool sorted_ = true;             // never descended
-  bool key_ = true;                // strictly ascending
-  uint32_t ascending_steps_ = 0;   // values greater than their predecessor while key_
-  int32_t chunk_size_;             // values per chunk
-  bool no_nil_ = true;             // InsertNil never called
+  CastFn cast_ = nullptr;         // conversion last used by InsertValue
+  int cast_type_ = -1;            // host type number cast_ converts from
+  const char* cast_name_;         // type name cast_ was resolved for; skips the lookup
+  bool cast_direct_ = false;      // the source is stored exactly as T: a plain load
+  void* temporary_ = nullptr;     // host allocation of a string conversion, or null
+  T previous_{};                  // last value seen while the column was sorted
+  bool first_ = true;             // no value seen yet
+  bool sorted_ = true;            // never descended
+  bool key_ = true;               // strictly ascending
+  uint32_t ascending_steps_ = 0;  // values greater than their predecessor while key_
+  int32_t chunk_size_;            // values per chunk
+  bool no_nil_ = true;            // InsertNil never called
   TypeIndexFn type_index_;
   FormatFn format_;
   FromStringFn from_string_;

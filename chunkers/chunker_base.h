@@ -19,7 +19,7 @@ namespace qopci {
 using TypeIndexFn = int (*)(const char*);                     // type number of a type name
 using FormatFn = int (*)(int, const void*, char**, size_t*);  // value to text (kept, unused)
 using FromStringFn = void* (*)(const char*, const char*);     // (type name, text) -> new value
-using ReleaseFn = void (*)(void*);                             // frees what FromStringFn made
+using ReleaseFn = void (*)(void*);                            // frees what FromStringFn made
 
 class ChunkerBase {
  public:

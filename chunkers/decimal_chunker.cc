@@ -22,10 +22,18 @@ DecimalChunker::DecimalChunker(int32_t chunk_size, int32_t precision)
       nil8_(0) {
   if (chunk_size < 0) throw "Chunk size must not be negative";
   switch (width_) {
-    case 1: nil_ = *nil1_.GetNilValue(); break;
-    case 2: nil_ = *nil2_.GetNilValue(); break;
-    case 4: nil_ = *nil4_.GetNilValue(); break;
-    default: nil_ = *nil8_.GetNilValue(); break;
+    case 1:
+      nil_ = *nil1_.GetNilValue();
+      break;
+    case 2:
+      nil_ = *nil2_.GetNilValue();
+      break;
+    case 4:
+      nil_ = *nil4_.GetNilValue();
+      break;
+    default:
+      nil_ = *nil8_.GetNilValue();
+      break;
   }
   chunk_ = NewChunk();
 }
@@ -47,8 +55,7 @@ BATChunk* DecimalChunker::TakeChunk() {
 bool DecimalChunker::InsertVal(int64_t value) {
   if (chunk_->IsFull()) return false;
   // Only the lowest byte reaches the slot; the slot's higher bytes are left as they are.
-  chunk_->buffer_[static_cast<uint64_t>(chunk_->count_) * width_] =
-      static_cast<char>(value & 0xFF);
+  chunk_->buffer_[static_cast<uint64_t>(chunk_->count_) * width_] = static_cast<char>(value & 0xFF);
   ++chunk_->count_;
   chunk_->size_ += static_cast<uint64_t>(width_);
   ++value_count_;

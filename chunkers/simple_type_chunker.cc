@@ -1,5 +1,7 @@
 #include "chunkers/simple_type_chunker.h"
 
+#include <cstring>
+
 namespace qopci {
 namespace {
 
@@ -27,6 +29,20 @@ BATChunk* SimpleTypeChunker<T>::TakeChunk() {
   SimpleTypeChunk<T>* full = chunk_;
   chunk_ = next;
   return full;
+}
+
+template <typename T>
+bool SimpleTypeChunker<T>::InsertValueSlow(const void* src, const char* type_name, bool is_nil) {
+  if (type_name != this->cast_name_) this->ResolveCast(type_name);
+  if (is_nil) return this->InsertVal(*this->GetNilValue());
+  T v;
+  if (this->cast_direct_)
+    std::memcpy(&v, src, sizeof v);
+  else
+    v = this->cast_(src, this);
+  bool ok = Store(v);
+  this->ReleaseTemporary();
+  return ok;
 }
 
 template <typename T>

@@ -27,23 +27,18 @@ class SimpleTypeChunker : public Chunker<T> {
   // Hands out the current chunk (the caller owns it) and starts an empty one.
   BATChunk* TakeChunk() override;
 
+  // The common case, a value already stored as T under the last type name, is a plain
+  // load; everything else goes through InsertValueSlow.
   bool InsertValue(const void* src, const char* type_name, bool is_nil) override {
-    if (type_name != this->cast_name_) [[unlikely]]
-      this->ResolveCast(type_name);
-    if (is_nil) [[unlikely]]
-      return this->InsertVal(*this->GetNilValue());
-    T v;
-    if (this->cast_direct_) [[likely]] {
+    if (type_name == this->cast_name_ && this->cast_direct_ && !is_nil) [[likely]] {
+      T v;
       std::memcpy(&v, src, sizeof v);
       return Store(v);
     }
-    v = this->cast_(src, this);
-    bool ok = Store(v);
-    this->ReleaseTemporary();
-    return ok;
+    return InsertValueSlow(src, type_name, is_nil);
   }
 
-  bool IsChunkFull() override { return chunk_->IsFull(); }
+  bool IsChunkFull() override { return static_cast<uint64_t>(chunk_->count_) >= chunk_->capacity_; }
   uint64_t GetValueCount() override { return value_count_; }
   const T* GetNilValue() override { return &nil_; }
 
@@ -59,6 +54,9 @@ class SimpleTypeChunker : public Chunker<T> {
   const SimpleTypeChunk<T>* CurrentChunk() const { return chunk_; }
 
  protected:
+  // Resolves the cast when the type name changed, then stores the nil or the cast value.
+  bool InsertValueSlow(const void* src, const char* type_name, bool is_nil);
+
   bool Store(T v) {
     SimpleTypeChunk<T>* c = chunk_;
     if (static_cast<uint64_t>(c->count_) >= c->capacity_) [[unlikely]]

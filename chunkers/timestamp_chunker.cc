@@ -21,9 +21,8 @@ bool TimestampChunker::InsertVal(int64_t value) {
 bool TimestampChunker::InsertDateTime(int year, int month, int day, int hour, int minute,
                                       int second, int millisecond) {
   const int32_t days = cvd_date_days(year, month, day);
-  const bool valid_time = hour >= 0 && hour <= 23 && minute >= 0 && minute <= 59 &&
-                          second >= 0 && second <= 59 && millisecond >= 0 &&
-                          millisecond <= 999;
+  const bool valid_time = hour >= 0 && hour <= 23 && minute >= 0 && minute <= 59 && second >= 0 &&
+                          second <= 59 && millisecond >= 0 && millisecond <= 999;
   const int32_t msecs =
       valid_time ? ((hour * 60 + minute) * 60 + second) * 1000 + millisecond : CVD_MSEC_NIL;
   int64_t ts;
