@@ -28,10 +28,14 @@ TEST(BatChunkTest, FullnessAndPartCounts) {
     bool full;
     uint64_t capacity;
   } cases[] = {
-      {"capacity 0", empty, 1, true, 0},     {"partly filled", a, 1, false, 2},
-      {"filled", b, 1, true, 2},             {"wide slots", wide, 1, false, 3},
-      {"key-value", kv, 3, true, 2},         {"string", str, 1, true, 4},
-      {"timestamp", ts, 3, false, 2},        {"time levels", levels, 5, false, 2},
+      {"capacity 0", empty, 1, true, 0},
+      {"partly filled", a, 1, false, 2},
+      {"filled", b, 1, true, 2},
+      {"wide slots", wide, 1, false, 3},
+      {"key-value", kv, 3, true, 2},
+      {"string", str, 1, true, 4},
+      {"timestamp", ts, 3, false, 2},
+      {"time levels", levels, 5, false, 2},
       {"string dictionary", nested, 3, false, 2},
   };
   for (const Case& c : cases) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <list>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,48 +18,52 @@ namespace {
 
 void Init(ChunkerBase& c) { c.InitCastTable(ATOMindex, ATOMformat, ATOMstrConvert, GDKfree); }
 
+template <typename F>
+const char* Thrown(F f) {
+  try {
+    f();
+  } catch (const char* e) {
+    return e;
+  }
+  return "nothing thrown";
+}
+
+// Runs a script of steps: a number is inserted, "N" is InsertNil, "n" a nil through
+// InsertValue, "S<v>" seeds the previous value with v and "s" seeds it with nil.
 TEST(SimpleTypeChunkerTest, Statistics) {
-  enum Kind { kVal, kNil, kNilValue, kSeed, kSeedNil };
-  struct Step {
-    Kind kind;
-    int v;
-  };
   struct Case {
-    const char* name;
-    std::vector<Step> steps;
+    const char* script;
     bool sorted, key, no_nil;
     uint32_t steps_up;
     int previous;
   } cases[] = {
-      {"ascending", {{kVal, 1}, {kVal, 2}, {kVal, 3}}, true, true, true, 2, 3},
-      {"1,1,2", {{kVal, 1}, {kVal, 1}, {kVal, 2}}, true, false, true, 0, 2},
-      {"3,1,2", {{kVal, 3}, {kVal, 1}, {kVal, 2}}, false, false, true, 0, 3},
-      {"equal", {{kVal, 5}, {kVal, 5}, {kVal, 5}}, true, false, true, 0, 5},
-      {"descending", {{kVal, 3}, {kVal, 2}, {kVal, 1}}, false, false, true, 0, 3},
-      {"nil first", {{kNil, 0}, {kVal, 1}, {kVal, 2}}, true, true, false, 2, 2},
-      {"nil later", {{kVal, 1}, {kNil, 0}}, false, false, false, 0, 1},
-      {"nil as value keeps no-nil", {{kNilValue, 0}, {kVal, 4}}, true, true, true, 1, 4},
-      {"seeded above", {{kSeed, 10}, {kVal, 5}}, false, false, true, 0, 10},
-      {"seeded below", {{kSeed, 1}, {kVal, 5}}, true, true, true, 1, 5},
-      {"seeded nil", {{kSeedNil, 0}, {kVal, 5}}, true, true, true, 1, 5},
+      {"1 2 3", true, true, true, 2, 3},    {"1 1 2", true, false, true, 0, 2},
+      {"3 1 2", false, false, true, 0, 3},  {"5 5 5", true, false, true, 0, 5},
+      {"3 2 1", false, false, true, 0, 3},  {"N 1 2", true, true, false, 2, 2},
+      {"1 N", false, false, false, 0, 1},   {"n 4", true, true, true, 1, 4},
+      {"S10 5", false, false, true, 0, 10}, {"S1 5", true, true, true, 1, 5},
+      {"s 5", true, true, true, 1, 5},
   };
   for (const Case& c : cases) {
     SimpleTypeChunker<int> chunker(8);
     Init(chunker);
-    for (const Step& s : c.steps) {
-      switch (s.kind) {
-        case kVal: EXPECT_TRUE(chunker.InsertValue(&s.v, "int", false)); break;
-        case kNil: EXPECT_TRUE(chunker.InsertNil()); break;
-        case kNilValue: EXPECT_TRUE(chunker.InsertValue(&s.v, "int", true)); break;
-        case kSeed: chunker.SetPreviousValue(s.v, false); break;
-        case kSeedNil: chunker.SetPreviousValue(s.v, true); break;
-      }
+    std::istringstream script(c.script);
+    for (std::string step; script >> step;) {
+      const int v = std::atoi(step.c_str() + (step[0] == 'S'));
+      if (step == "N")
+        chunker.InsertNil();
+      else if (step == "n")
+        chunker.InsertValue(&v, "int", true);
+      else if (step[0] == 'S' || step == "s")
+        chunker.SetPreviousValue(v, step == "s");
+      else
+        chunker.InsertValue(&v, "int", false);
     }
-    EXPECT_EQ(chunker.IsSorted(), c.sorted) << c.name;
-    EXPECT_EQ(chunker.IsKey(), c.key) << c.name;
-    EXPECT_EQ(chunker.HasNoNils(), c.no_nil) << c.name;
-    EXPECT_EQ(chunker.AscendingSteps(), c.steps_up) << c.name;
-    EXPECT_EQ(chunker.PreviousValue(), c.previous) << c.name;
+    EXPECT_EQ(chunker.IsSorted(), c.sorted) << c.script;
+    EXPECT_EQ(chunker.IsKey(), c.key) << c.script;
+    EXPECT_EQ(chunker.HasNoNils(), c.no_nil) << c.script;
+    EXPECT_EQ(chunker.AscendingSteps(), c.steps_up) << c.script;
+    EXPECT_EQ(chunker.PreviousValue(), c.previous) << c.script;
   }
 }
 
@@ -163,14 +168,8 @@ TEST(SimpleTypeChunkerTest, ChunkLifecycle) {
   ASSERT_TRUE(chunker.InsertValue(&one, ATOMname(TYPE_int), false));
   ASSERT_TRUE(chunker.InsertValue(&two, ATOMname(TYPE_dbl), false));
   int more[2] = {4, 5};
-  EXPECT_STREQ([&]() -> const char* {
-    try {
-      chunker.InsertVals(more, 2);
-    } catch (const char* e) {
-      return e;
-    }
-    return "no error";
-  }(), "SimpleTypeChunker::InsertVals() : chunk overflow");
+  EXPECT_STREQ(Thrown([&] { chunker.InsertVals(more, 2); }),
+               "SimpleTypeChunker::InsertVals() : chunk overflow");
   EXPECT_EQ(chunker.GetValueCount(), 2u) << "an overflowing run stores nothing";
   ASSERT_TRUE(chunker.InsertValue(&three, ATOMname(TYPE_lng), false));
   EXPECT_TRUE(chunker.IsChunkFull());
@@ -197,46 +196,30 @@ TEST(SimpleTypeChunkerTest, ChunkLifecycle) {
   zero.AddToList(list);
   EXPECT_EQ(list, (std::list<ChunkerBase*>{&chunker, &zero}));
 
-  const char* error = nullptr;
-  try {
-    SimpleTypeChunker<int> negative(-1);
-  } catch (const char* e) {
-    error = e;
-  }
-  EXPECT_STREQ(error, "Chunk size must not be negative");
+  EXPECT_STREQ(Thrown([] { SimpleTypeChunker<int> negative(-1); }),
+               "Chunk size must not be negative");
 }
 
-TEST(SimpleTypeChunkerTest, NilValuesAndElementSizes) {
-  SimpleTypeChunker<char> c(0);
-  SimpleTypeChunker<unsigned char> uc(0);
-  SimpleTypeChunker<short> s(0);
-  SimpleTypeChunker<unsigned short> us(0);
-  SimpleTypeChunker<int> i(0);
-  SimpleTypeChunker<unsigned int> ui(0);
-  SimpleTypeChunker<int64_t> l(0);
-  SimpleTypeChunker<uint64_t> ul(0);
-  SimpleTypeChunker<double> d(0);
-  DoubleChunker dd(0);
-  uint64_t dbits, ddbits;
-  std::memcpy(&dbits, d.GetNilValue(), 8);
-  std::memcpy(&ddbits, dd.GetNilValue(), 8);
-  struct Case {
-    const ChunkerBase& chunker;
-    int64_t nil;
-    int32_t size;
-  } cases[] = {
-      {c, *c.GetNilValue(), 1},     {uc, *uc.GetNilValue(), 1}, {s, *s.GetNilValue(), 2},
-      {us, *us.GetNilValue(), 2},   {i, *i.GetNilValue(), 4},   {ui, *ui.GetNilValue(), 4},
-      {l, *l.GetNilValue(), 8},     {ul, static_cast<int64_t>(*ul.GetNilValue()), 8},
-      {d, static_cast<int64_t>(dbits), 8}, {dd, static_cast<int64_t>(ddbits), 8},
-  };
-  const int64_t expected[] = {-128, 128, -32768, 32768, INT32_MIN, 2147483648LL, INT64_MIN,
-                              INT64_MIN, 0x43E0000000000000, static_cast<int64_t>(0xFFEFFFFFFFFFFFFFULL)};
-  for (size_t k = 0; k < std::size(cases); ++k) {
-    EXPECT_EQ(cases[k].nil, expected[k]) << k;
-    EXPECT_EQ(cases[k].chunker.ElementSize(), cases[k].size) << k;
-    EXPECT_FALSE(cases[k].chunker.IsDictCodes()) << k;
-  }
+template <typename T>
+uint64_t Bits(const T* v) {
+  uint64_t bits = 0;
+  std::memcpy(&bits, v, sizeof *v);
+  return bits;
+}
+
+TEST(SimpleTypeChunkerTest, NilValues) {
+  EXPECT_EQ(*SimpleTypeChunker<char>(0).GetNilValue(), -128);
+  EXPECT_EQ(*SimpleTypeChunker<unsigned char>(0).GetNilValue(), 128);
+  EXPECT_EQ(*SimpleTypeChunker<short>(0).GetNilValue(), -32768);
+  EXPECT_EQ(*SimpleTypeChunker<unsigned short>(0).GetNilValue(), 32768);
+  EXPECT_EQ(*SimpleTypeChunker<int>(0).GetNilValue(), INT32_MIN);
+  EXPECT_EQ(*SimpleTypeChunker<unsigned int>(0).GetNilValue(), 2147483648u);
+  EXPECT_EQ(*SimpleTypeChunker<int64_t>(0).GetNilValue(), INT64_MIN);
+  EXPECT_EQ(*SimpleTypeChunker<uint64_t>(0).GetNilValue(), 9223372036854775808u);
+  EXPECT_EQ(Bits(SimpleTypeChunker<double>(0).GetNilValue()), 0x43E0000000000000u);
+  DoubleChunker doubles(1);
+  EXPECT_TRUE(doubles.InsertNil());
+  EXPECT_EQ(Bits(doubles.CurrentChunk()->buffer_), 0xFFEFFFFFFFFFFFFFu);
 }
 
 }  // namespace

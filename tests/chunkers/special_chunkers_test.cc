@@ -16,7 +16,7 @@ TEST(DecimalChunkerTest, StorageWidthAndLowestByteStore) {
     int32_t precision;
     int32_t width;
     unsigned char nil_byte;  // lowest byte of the signed nil of that width
-  } cases[] = {{1, 1, 0x80}, {2, 1, 0x80}, {3, 2, 0}, {4, 2, 0},
+  } cases[] = {{1, 1, 0x80}, {2, 1, 0x80}, {3, 2, 0},  {4, 2, 0},
                {5, 4, 0},    {9, 4, 0},    {10, 8, 0}, {18, 8, 0}};
   for (const Case& c : cases) {
     DecimalChunker chunker(3, c.precision);
@@ -36,8 +36,7 @@ TEST(DecimalChunkerTest, StorageWidthAndLowestByteStore) {
     expected[0] = 0x34;
     expected[c.width] = 0xFF;
     expected[2 * c.width] = c.nil_byte;
-    EXPECT_EQ(std::vector<unsigned char>(chunk->buffer_, chunk->buffer_ + chunk->size_),
-              expected)
+    EXPECT_EQ(std::vector<unsigned char>(chunk->buffer_, chunk->buffer_ + chunk->size_), expected)
         << c.precision;
     EXPECT_EQ(chunk->count_, 3);
     EXPECT_FALSE(chunker.IsChunkFull());
