@@ -13,7 +13,7 @@ namespace qopci {
 
 class BATChunk {
  public:
-  BATChunk(uint64_t capacity) : capacity_(capacity) {}
+  explicit BATChunk(uint64_t capacity) : capacity_(capacity) {}
   BATChunk(const BATChunk&) = delete;
   BATChunk& operator=(const BATChunk&) = delete;
   virtual ~BATChunk() = default;
@@ -33,14 +33,19 @@ class BATChunk {
 template <typename T>
 class SimpleTypeChunk : public BATChunk {
  public:
-  explicit SimpleTypeChunk(uint64_t capacity)
-      : BATChunk(capacity), buffer_(new T[capacity]) {}
+  // A buffer of capacity values, left uninitialised: only the count_ first are written.
+  explicit SimpleTypeChunk(uint64_t capacity) : BATChunk(capacity), buffer_(new T[capacity]) {}
+  // A zeroed buffer of buffer_length elements for capacity values of a wider slot: the
+  // decimal chunker's bytes, where a slot's untouched bytes must read as zero.
+  // REQUIRES: buffer_length >= capacity.
+  SimpleTypeChunk(uint64_t capacity, uint64_t buffer_length)
+      : BATChunk(capacity), buffer_(new T[buffer_length]()) {}
   ~SimpleTypeChunk() override { delete[] buffer_; }
 
   int GetPartCount() const override { return 1; }
   bool IsFull() const override { return static_cast<uint64_t>(count_) >= capacity_; }
 
-  T* buffer_;
+  T* buffer_;          // owned
   int32_t count_ = 0;  // values stored; the next goes to buffer_[count_]
 };
 
@@ -80,10 +85,10 @@ class StringChunk : public BATChunk {
   }
 
   BATChunk* offsets_[4] = {nullptr, nullptr, nullptr, nullptr};  // widths 1, 2, 4, 8
-  char* heap_;                  // first heap byte added since the last flush
-  int32_t width_ = 1;           // tail offset width the writer is to use
-  bool restart_heap_ = true;    // rewrite the heap file from position 0
-  bool heap_rewritten_ = false; // the heap was rewritten since the last chunk
+  char* heap_;                   // first heap byte added since the last flush
+  int32_t width_ = 1;            // tail offset width the writer is to use
+  bool restart_heap_ = true;     // rewrite the heap file from position 0
+  bool heap_rewritten_ = false;  // the heap was rewritten since the last chunk
 };
 
 // The three files of a timestamp column split into levels. Members are not owned.
@@ -92,8 +97,7 @@ class TesselTimestampChunk : public BATChunk {
   TesselTimestampChunk(BATChunk* a, BATChunk* b, BATChunk* c)
       : BATChunk(a->GetCapacity()), members_{a, b, c} {}
   int GetPartCount() const override {
-    return members_[0]->GetPartCount() + members_[1]->GetPartCount() +
-           members_[2]->GetPartCount();
+    return members_[0]->GetPartCount() + members_[1]->GetPartCount() + members_[2]->GetPartCount();
   }
   bool IsFull() const override { return members_[0]->IsFull(); }
 

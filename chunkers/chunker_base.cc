@@ -1,0 +1,7 @@
+#include "chunkers/chunker_base.h"
+
+namespace qopci {
+
+ChunkerBase::~ChunkerBase() = default;
+
+}  // namespace qopci
