@@ -53,6 +53,11 @@ char* CVDbat_filename(bat b, const char* ext, char* buf, size_t len);
 /* Drop one logical reference; a transient BAT without references is freed. */
 void CVDbat_release(bat b);
 
+/* Test hook: make the next TMcommit fail at step 0 (before any column file), 1 (column
+ * files written, before the catalog) or 2 (catalog.new written, before its rename); -1
+ * clears it. */
+void CVDfarm_fail_commit(int step);
+
 #ifdef __cplusplus
 }
 #endif

@@ -200,6 +200,9 @@ char* GDKstrdup(const char* s);
 void GDKfree(void* p);
 /* Check the allocator's books; 0 asks for a quiet check. */
 void GDKmemchk(int verbose);
+/* Live GDK blocks and bytes, and the count of frees of pointers that were not live blocks;
+ * any argument may be NULL. */
+void GDKmemstat(int64_t* blocks, int64_t* bytes, int64_t* bad_frees);
 
 /* ---- Transactions --------------------------------------------------------------------- */
 
