@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <vector>
 
 #include "corvid/farm.h"
@@ -98,8 +99,12 @@ Status RunCopy(const CopyOptions& options, std::ostream& out) {
                           : LoadCsvFile(manifest, options.csv, &data);
   if (!s.ok()) return s;
 
+  // The tail paths handed to the export stay valid whatever directory its writers run in.
+  std::error_code ec;
+  std::filesystem::path farm = std::filesystem::absolute(options.farm, ec);
+  if (ec) return Status::Error("farm " + options.farm + ": " + ec.message());
   FarmSession session;
-  s = session.Open(options.farm);
+  s = session.Open(farm.lexically_normal().string());
   if (!s.ok()) return Status::Error("farm " + options.farm + ": " + s.message());
   std::vector<TargetColumn> targets;
   s = EnsureTargets(manifest, &targets);

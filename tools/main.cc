@@ -48,7 +48,12 @@ int main(int argc, char** argv) {
   inspect_cmd->add_option("--column", column, "only this column (table.column or column)");
   inspect_cmd->add_option("--limit", limit, "values printed per column (default 10)");
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // Usage errors print CLI11's text and, like every other failure, exit with 1.
+    return app.exit(e) == 0 ? 0 : 1;
+  }
 
   qopci::Status s;
   if (copy_cmd->parsed()) {
