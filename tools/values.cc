@@ -19,7 +19,7 @@ Status Malformed(const ManifestColumn& column, std::string_view text, const std:
                        " for " + EncodingName(column) + " (" + why + ")");
 }
 
-// Parse a whole decimal integer; false when the text is not one or is out of [lo, hi].
+// Parse a whole decimal integer within [lo, hi]; the error says which rule it broke.
 Status ParseInteger(const ManifestColumn& column, std::string_view text, int64_t lo, int64_t hi,
                     int64_t* out) {
   std::string s(text);
