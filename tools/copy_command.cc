@@ -1,0 +1,138 @@
+#include "tools/copy_command.h"
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <vector>
+
+#include "corvid/farm.h"
+#include "corvid/sql.h"
+#include "qopci/qopci.h"
+#include "tools/inspect.h"
+#include "tools/kernel_io.h"
+#include "tools/manifest.h"
+#include "tools/result_data.h"
+
+namespace qopci {
+
+namespace {
+
+// Closes the farm (dropping anything uncommitted) and the client context on every path.
+class FarmSession {
+ public:
+  FarmSession() = default;
+  ~FarmSession() {
+    if (context_ != nullptr) mvc_destroy(context_);
+    if (open_) CVDfarm_close();
+  }
+  FarmSession(const FarmSession&) = delete;
+  FarmSession& operator=(const FarmSession&) = delete;
+
+  Status Open(const std::string& dir) {
+    Status s = FromKernel(CVDfarm_open(dir.c_str(), 1));
+    open_ = s.ok();
+    if (s.ok()) context_ = mvc_create();
+    if (s.ok() && context_ == nullptr) return Status::Error("cannot create a client context");
+    return s;
+  }
+  mvc* context() const { return context_; }
+
+ private:
+  bool open_ = false;
+  mvc* context_ = nullptr;
+};
+
+Status Register(const std::string& column, const Attribute& a) {
+  std::string name = column;
+  char* name_ptr = name.data();
+  int number = a.number;
+  char* exception = nullptr;
+  if (a.kind == Attribute::kInt) {
+    int v = static_cast<int>(a.value);
+    exception = qopci_add_col_metadata_int(nullptr, &name_ptr, &number, &v);
+  } else if (a.kind == Attribute::kLng) {
+    int64_t v = a.value;
+    exception = qopci_add_col_metadata_lng(nullptr, &name_ptr, &number, &v);
+  } else {
+    std::string text = a.text;
+    char* text_ptr = text.data();
+    exception = qopci_add_col_metadata_str(nullptr, &name_ptr, &number, &text_ptr);
+  }
+  Status s = FromKernel(exception);
+  if (!s.ok())
+    return Status::Error("column " + column + ", attribute " + std::to_string(a.number) + ": " +
+                         s.message());
+  return s;
+}
+
+void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets, uint64_t rows,
+                  double seconds, std::ostream& out) {
+  char line[512];
+  std::snprintf(line, sizeof line, "%-24s %-14s %12s %14s  %s\n", "column", "type", "rows",
+                "tail bytes", "flags");
+  out << line;
+  for (const TargetColumn& t : targets) {
+    const ManifestColumn& c = manifest.columns[t.manifest_index];
+    const BAT* b = BBPgetdesc(t.id);
+    if (b == nullptr) continue;
+    std::snprintf(line, sizeof line, "%-24s %-14s %12llu %14zu  %s\n",
+                  TargetName(manifest, c).c_str(), EncodingName(c).c_str(),
+                  static_cast<unsigned long long>(b->batCount), b->theap.free,
+                  FlagWords(*b).c_str());
+    out << line;
+  }
+  std::snprintf(line, sizeof line, "exported %llu rows into %zu columns in %.3f s\n",
+                static_cast<unsigned long long>(rows), targets.size(), seconds);
+  out << line;
+}
+
+}  // namespace
+
+Status RunCopy(const CopyOptions& options, std::ostream& out) {
+  Manifest manifest;
+  Status s = LoadManifest(options.manifest, &manifest);
+  if (!s.ok()) return s;
+
+  // The whole result is parsed before the farm is touched: a bad line changes nothing.
+  ResultData data;
+  s = options.csv.empty() ? GenerateRows(manifest, options.generate_rows, &data)
+                          : LoadCsvFile(manifest, options.csv, &data);
+  if (!s.ok()) return s;
+
+  // The tail paths handed to the export stay valid whatever directory its writers run in.
+  std::error_code ec;
+  std::filesystem::path farm = std::filesystem::absolute(options.farm, ec);
+  if (ec) return Status::Error("farm " + options.farm + ": " + ec.message());
+  FarmSession session;
+  s = session.Open(farm.lexically_normal().string());
+  if (!s.ok()) return Status::Error("farm " + options.farm + ": " + s.message());
+  std::vector<TargetColumn> targets;
+  s = EnsureTargets(manifest, &targets);
+  if (!s.ok()) return s;
+  int result_id = 0;
+  s = BuildResultTable(session.context(), manifest, data, options.single_row, &result_id);
+  if (!s.ok()) return s;
+
+  for (const TargetColumn& t : targets) {
+    const ManifestColumn& c = manifest.columns[t.manifest_index];
+    TargetInfo info;
+    s = DescribeTarget(t.id, &info);
+    if (!s.ok()) return s;
+    for (const Attribute& a : ColumnAttributes(manifest, c, info, options.sync)) {
+      s = Register(c.name, a);
+      if (!s.ok()) return s;
+    }
+  }
+
+  char* error = nullptr;
+  auto start = std::chrono::steady_clock::now();
+  int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (attempted == 0) return Status::Error("export: no column was registered");
+  if (error != nullptr) return Status::Error(error);  // the library's own buffer: not freed
+
+  PrintSummary(manifest, targets, data.rows, seconds, out);
+  return Status::OK();
+}
+
+}  // namespace qopci

@@ -1,0 +1,126 @@
+#include "tools/kernel_io.h"
+
+#include <vector>
+
+#include "corvid/farm.h"
+
+namespace qopci {
+
+Status FromKernel(char* exception) {
+  if (exception == nullptr) return Status::OK();
+  std::string text(exception);
+  GDKfree(exception);
+  return Status::Error(text);
+}
+
+int TargetAtomType(Encoding encoding) {
+  switch (encoding) {
+    case Encoding::kTinyint:
+      return TYPE_bte;
+    case Encoding::kSmallint:
+      return TYPE_sht;
+    case Encoding::kInt:
+      return TYPE_int;
+    case Encoding::kBigint:
+      return TYPE_lng;
+    case Encoding::kDouble:
+      return TYPE_dbl;
+    case Encoding::kDecimal:
+      return TYPE_lng;
+    case Encoding::kTimestamp:
+      return ATOMindex("timestamp");
+    case Encoding::kRowid:
+      return TYPE_oid;
+  }
+  return -1;
+}
+
+std::string TargetName(const Manifest& manifest, const ManifestColumn& column) {
+  return manifest.table + "." + column.name;
+}
+
+Status EnsureTargets(const Manifest& manifest, std::vector<TargetColumn>* out) {
+  out->clear();
+  std::vector<int> types;
+  for (size_t i = 0; i < manifest.columns.size(); ++i) {
+    const ManifestColumn& c = manifest.columns[i];
+    const std::string name = TargetName(manifest, c);
+    int type = TargetAtomType(c.encoding);
+    if (type < 0) return Status::Error("the kernel has no atom type for " + EncodingName(c));
+    TargetColumn t;
+    t.manifest_index = i;
+    t.id = CVDbat_lookup(name.c_str());
+    if (t.id != 0) {
+      const BAT* b = BBPgetdesc(t.id);
+      if (b == nullptr) return Status::Error("column " + name + " is listed but has no BAT");
+      if (b->ttype != type)
+        return Status::Error("column " + name + " exists with type " + ATOMname(b->ttype) +
+                             ", the manifest asks for " + EncodingName(c) + " (" + ATOMname(type) +
+                             ")");
+    }
+    types.push_back(type);
+    out->push_back(t);
+  }
+  for (size_t k = 0; k < out->size(); ++k) {
+    TargetColumn& t = (*out)[k];
+    if (t.id != 0) continue;
+    const std::string name = TargetName(manifest, manifest.columns[t.manifest_index]);
+    Status s = FromKernel(CVDbat_create(types[k], name.c_str(), 0, &t.id));
+    if (!s.ok()) return Status::Error("cannot create column " + name + ": " + s.message());
+    t.created = true;
+  }
+  return Status::OK();
+}
+
+Status DescribeTarget(bat target, TargetInfo* out) {
+  const BAT* b = BBPgetdesc(target);
+  if (b == nullptr) return Status::Error("no BAT " + std::to_string(target));
+  char path[4096];
+  if (CVDbat_filename(target, "tail", path, sizeof path) == nullptr)
+    return Status::Error("no tail file name for BAT " + std::to_string(target));
+  out->tail_file = path;
+  out->existing_count = static_cast<int64_t>(b->batCount);
+  return Status::OK();
+}
+
+Status BuildResultTable(mvc* m, const Manifest& manifest, const ResultData& data, bool single_row,
+                        int* result_id) {
+  if (single_row && data.rows != 1)
+    return Status::Error("--single-row needs a result of exactly one row, this one has " +
+                         std::to_string(data.rows));
+  std::vector<bat> bats;  // transient BATs made so far, released on failure
+  auto fail = [&bats](const Status& s) {
+    for (bat b : bats) CVDbat_release(b);
+    return s;
+  };
+  for (const ResultColumn& c : data.columns) {
+    const ManifestColumn& mc = manifest.columns[c.manifest_index];
+    bat b = 0;
+    Status s = FromKernel(CVDbat_create(TargetAtomType(mc.encoding), nullptr, data.rows, &b));
+    if (!s.ok()) return fail(Status::Error("result column " + mc.name + ": " + s.message()));
+    bats.push_back(b);
+    if (data.rows > 0) s = FromKernel(CVDbat_append_n(b, c.values.data(), data.rows));
+    if (!s.ok()) return fail(Status::Error("result column " + mc.name + ": " + s.message()));
+  }
+  bat order = 0;
+  if (!single_row) {
+    Status s = FromKernel(CVDbat_dense(0, data.rows, &order));
+    if (!s.ok()) return fail(Status::Error("order BAT: " + s.message()));
+  }
+  res_table* t = res_table_create(m, static_cast<int>(bats.size()), order);
+  if (t == nullptr) {
+    if (order != 0) CVDbat_release(order);
+    return fail(Status::Error("cannot create the result table"));
+  }
+  // From here the table owns the order BAT; each column takes over its BAT as it is set.
+  for (size_t k = 0; k < data.columns.size(); ++k) {
+    const ManifestColumn& mc = manifest.columns[data.columns[k].manifest_index];
+    res_col_set(t, static_cast<int>(k), manifest.table.c_str(), mc.name.c_str(),
+                SqlTypeName(mc.encoding), mc.encoding == Encoding::kDecimal ? mc.precision : 0,
+                mc.scale, bats[k]);
+  }
+  *result_id = t->id;
+  return Status::OK();
+}
+
+}  // namespace qopci

@@ -1,0 +1,80 @@
+// Manifest: the JSON description of an export's target table: its name, chunk size, whether
+// columns are written through the work queue, and for every target column its encoding and
+// any raw attribute overrides. ColumnAttributes() turns one column into the numbered
+// attributes that the copy-into library reads.
+//
+// Threading: plain values and pure functions; safe from any thread.
+#ifndef QOPCI_TOOLS_MANIFEST_H_
+#define QOPCI_TOOLS_MANIFEST_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/status.h"
+
+namespace qopci {
+
+// How a target column is encoded on disk; each has its own attribute set.
+enum class Encoding { kTinyint, kSmallint, kInt, kBigint, kDouble, kDecimal, kTimestamp, kRowid };
+
+// One numbered column attribute, of one of the three kinds the add calls take.
+struct Attribute {
+  enum Kind { kInt, kLng, kStr };
+  int number = 0;
+  Kind kind = kInt;
+  int64_t value = 0;  // kInt and kLng
+  std::string text;   // kStr
+
+  static Attribute Int(int number, int32_t v) { return {number, kInt, v, {}}; }
+  static Attribute Lng(int number, int64_t v) { return {number, kLng, v, {}}; }
+  static Attribute Str(int number, std::string s) { return {number, kStr, 0, std::move(s)}; }
+  bool operator==(const Attribute&) const = default;
+};
+
+struct ManifestColumn {
+  std::string name;
+  Encoding encoding = Encoding::kInt;
+  int precision = 0;                 // decimal only
+  int scale = 0;                     // decimal only
+  std::vector<Attribute> overrides;  // "attributes", applied after the encoding's own
+};
+
+struct Manifest {
+  std::string table;
+  int chunk_size = 65536;
+  bool queued = true;
+  std::vector<ManifestColumn> columns;  // in manifest order; names are unique
+};
+
+// Parse a manifest from JSON text. On failure *out is unspecified and the status names
+// the offending field.
+Status ParseManifest(const std::string& json_text, Manifest* out);
+
+// Read and parse the manifest file at `path`.
+Status LoadManifest(const std::string& path, Manifest* out);
+
+// The manifest spelling of a column's encoding ("decimal(9,2)").
+std::string EncodingName(const ManifestColumn& column);
+
+// The SQL type name a result column of this encoding carries ("int", "decimal", ...).
+const char* SqlTypeName(Encoding encoding);
+
+// Bytes of one value of this encoding in a result BAT (0 for rowid: it has no result).
+int ResultWidth(Encoding encoding);
+
+// What the export needs to know of a column's target BAT.
+struct TargetInfo {
+  std::string tail_file;   // full path of the target's tail file
+  int64_t existing_count;  // rows the target already holds; the export appends behind them
+};
+
+// Every attribute the column registers, in registration order: the encoding's own set,
+// then the manifest's raw overrides (a later entry for the same number wins).
+// With force_sync the column is written on the calling thread whatever the manifest says.
+std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const ManifestColumn& column,
+                                        const TargetInfo& target, bool force_sync);
+
+}  // namespace qopci
+
+#endif  // QOPCI_TOOLS_MANIFEST_H_
