@@ -168,6 +168,13 @@ char* CVDbat_create(int type, const char* name, BUN capacity, bat* out) {
   if (name) {
     r->name = name;
     r->desc.batPersistent = 1;
+    // Writers outside the kernel create the column files of a new BAT before its first
+    // commit; its directory must be there for them.
+    std::string why;
+    if (!MakeDirs(DirOf(BatPath(r->desc.batCacheid, "tail")), &why)) {
+      DropBat(r->desc.batCacheid);
+      return createException(IO, "CVDbat_create", "%s", why.c_str());
+    }
   }
   if (out) *out = r->desc.batCacheid;
   return nullptr;

@@ -49,7 +49,7 @@ static inline int32_t cvd_date_days(int64_t year, int month, int day) {
 /* The timestamp of a day number and a time part: (days << 32) plus the time part
  * sign-extended, so a nil time part lowers the day field by one. */
 static inline int64_t cvd_timestamp(int32_t days, int32_t msecs) {
-  return (int64_t)((uint64_t)(uint32_t)days << 32) + (int64_t)msecs;
+  return (int64_t)(((uint64_t)(uint32_t)days << 32) + (uint64_t)(int64_t)msecs);
 }
 
 static inline int32_t cvd_timestamp_days(int64_t ts) { return (int32_t)(ts >> 32); }
