@@ -1,0 +1,379 @@
+#include "copy_into/ci_manager.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "chunkers/chunker_base.h"
+#include "copy_into/factories.h"
+#include "queue/concurrent_queue.h"
+#include "readers/internal_reader.h"
+#include "writers/bat_writer.h"
+#include "writers/writer_chunk_pair.h"
+
+
+namespace qopci {
+
+namespace {
+
+char g_error_buffer[kErrorBufferSize];  // the reports and GET_COL_ATTR messages
+char g_scratch[kErrorBufferSize];       // receives reports made after the first error
+
+bool g_tables_filled = false;
+
+}  // namespace
+
+// ---- ValSizePair ----------------------------------------------------------------------
+
+CIManager::ValSizePair::ValSizePair(const void* bytes, int32_t size)
+    : value_(new uint8_t[size]), size_(size), refs_(new int32_t(1)) {
+  std::memcpy(value_, bytes, size);
+}
+
+void CIManager::ValSizePair::Release() {
+  if (refs_ != nullptr && --*refs_ < 1) {
+    delete[] value_;
+    delete refs_;
+  }
+  value_ = nullptr;
+  size_ = 0;
+  refs_ = nullptr;
+}
+
+CIManager::ValSizePair& CIManager::ValSizePair::operator=(const ValSizePair& other) {
+  if (this == &other) return *this;
+  Release();
+  if (other.value_ != nullptr && other.refs_ == nullptr)
+    throw "Has value without reference counting";
+  value_ = other.value_;
+  size_ = other.size_;
+  refs_ = other.refs_;
+  if (refs_ != nullptr) ++*refs_;
+  return *this;
+}
+
+// ---- Jobs ----------------------------------------------------------------------------
+
+CIManager::ColumnJob::ColumnJob(CIManager* m, const char* n, ChunkerBase* c, BATWriter* w)
+    : manager(m), name(GDKstrdup(n)), chunker(c), writer(w) {}
+
+CIManager::ColumnJob::~ColumnJob() {
+  delete chunker;
+  delete writer;
+  GDKfree(name);
+}
+
+// ---- Manager -------------------------------------------------------------------------
+
+CIManager::CIManager() : queue_(std::make_unique<ConcurrentQueue>(nullptr, 0)) {
+  if (!g_tables_filled) {
+    FillFactoryTables();
+    g_tables_filled = true;
+  }
+}
+
+CIManager::~CIManager() {
+  // Jobs hold writers that queued items may still name; drain before destroying them.
+  queue_->WaitForProcessingEnd();
+  jobs_.clear();
+}
+
+void CIManager::AddAttribute(const char* column, int attr, const void* bytes, int32_t size) {
+  registry_[column][attr] = ValSizePair(bytes, size);
+}
+
+char* CIManager::Report(const char* place, const char* message) {
+  if (error_ != nullptr) return g_scratch;
+  // "%s(): %s: %s", cut to the buffer.
+  std::string text = std::string(place) + "(): " + column_name_ + ": " + message;
+  size_t n = std::min(text.size(), sizeof g_error_buffer - 1);
+  std::memcpy(g_error_buffer, text.data(), n);
+  g_error_buffer[n] = '\0';
+  error_ = g_error_buffer;
+  return g_error_buffer + n;
+}
+
+void CIManager::ReportDetail(const char* place, const char* format, ...) {
+  char* tail = Report(place, "");
+  size_t room = tail >= g_scratch && tail < g_scratch + sizeof g_scratch
+                    ? sizeof g_scratch
+                    : sizeof g_error_buffer - (tail - g_error_buffer);
+  va_list ap;
+  va_start(ap, format);
+  std::vsnprintf(tail, room, format, ap);
+  va_end(ap);
+}
+
+namespace {
+
+// Finds an attribute of the expected size; otherwise writes the GET_COL_ATTR message into
+// the error buffer, whatever it held, and marks the manager failed.
+const CIManager::ValSizePair* FindAttr(const CIManager::AttrMap& attrs, int attr, int line,
+                                       int32_t size, const char** error) {
+  auto it = attrs.find(attr);
+  if (it == attrs.end()) {
+    std::snprintf(g_error_buffer, sizeof g_error_buffer,
+                  "GET_COL_ATTR : Column attribute %d not found at line %d", attr, line);
+    *error = g_error_buffer;
+    return nullptr;
+  }
+  if (it->second.size() != size) {
+    std::snprintf(g_error_buffer, sizeof g_error_buffer,
+                  "GET_COL_ATTR : Value size mismatch at line %d", line);
+    *error = g_error_buffer;
+    return nullptr;
+  }
+  return &it->second;
+}
+
+}  // namespace
+
+bool CIManager::GetAttrInt(const AttrMap& attrs, int attr, int line, int* out) {
+  const ValSizePair* v = FindAttr(attrs, attr, line, 4, &error_);
+  if (v == nullptr) return false;
+  std::memcpy(out, v->value(), 4);
+  return true;
+}
+
+bool CIManager::GetAttrLng(const AttrMap& attrs, int attr, int line, int64_t* out) {
+  const ValSizePair* v = FindAttr(attrs, attr, line, 8, &error_);
+  if (v == nullptr) return false;
+  std::memcpy(out, v->value(), 8);
+  return true;
+}
+
+bool CIManager::GetAttrStr(const AttrMap& attrs, int attr, int line, const char** out) {
+  const ValSizePair* v = FindAttr(attrs, attr, line, 8, &error_);
+  if (v == nullptr) return false;
+  std::memcpy(out, v->value(), 8);
+  return true;
+}
+
+int CIManager::FindBATByFileName(const char* file_name) {
+  std::string name(file_name);
+  size_t dot = name.rfind('.');
+  if (dot != std::string::npos) name.resize(dot);
+  char physical[1024];
+  const int last = BBPsize() - 1;
+  int i = 0;
+  for (; i < last; i++) {
+    BBPphysical(i, physical);
+    size_t len = std::strlen(physical);
+    if (len == 0 || len >= name.size()) continue;
+    char before = name[name.size() - len - 1];
+    if ((before == '/' || before == '\\') &&
+        name.compare(name.size() - len, len, physical) == 0)
+      break;
+  }
+  return i;
+}
+
+bool CIManager::ExecuteCopyInto(mvc* context, int result_id) {
+  res_table* table = context->results;
+  while (table != nullptr && table->id != result_id) table = table->next;
+  context_ = context;
+  queue_->ResetOK();
+  if (table == nullptr) {
+    Report("CIManager::ExecuteCopyInto", "Can't find result table");
+    return false;
+  }
+  BAT* order = table->order != 0 ? BBPdescriptor(table->order) : nullptr;
+  if (table->order != 0 && order == nullptr)
+    Report("CIManager::ExecuteCopyInto", "Can't load order BAT");
+
+  for (ColumnEntry& entry : registry_) {
+    if (!queue_->m_bOK || error_ != nullptr) break;
+    column_name_ = entry.first.c_str();
+    res_col* found = nullptr;
+    for (int c = 0; c < table->nr_cols && found == nullptr; c++)
+      if (std::strcmp(table->cols[c].name, entry.first.c_str()) == 0) found = &table->cols[c];
+    if (found != nullptr) {
+      CopyIntoOneColumn(found, order, entry);
+      continue;
+    }
+    int source = 0;
+    if (!GetAttrInt(entry.second, 33, 157, &source)) break;
+    if (source >= 1 && source <= 5) {
+      CopyIntoOneColumn(nullptr, order, entry);
+    } else {
+      Report("CIManager::ExecuteCopyInto", "Can't find result column");
+      break;
+    }
+  }
+  // A write that failed on a worker is reported by UpdateBBP, with the queue's text.
+  bool ok = error_ == nullptr;
+  if (order != nullptr) BBPreleaseref(table->order);
+  queue_->WaitForProcessingEnd();
+  context->results = res_tables_remove(context->results, table);
+  return ok;
+}
+
+void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entry) {
+  BAT* data = nullptr;
+  if (column != nullptr) {
+    data = BBPdescriptor(column->b);
+    if (data == nullptr) {
+      Report("CIManager::CopyIntoOneColumn", "Can't load result column");
+      return;
+    }
+  }
+  std::unique_ptr<InternalReader> reader;
+  try {
+    if (order != nullptr) {
+      if (order->batCount == 0) {
+        if (data != nullptr) BBPreleaseref(column->b);
+        return;
+      }
+      if (data != nullptr && data->batCount != order->batCount) {
+        Report("CIManager::CopyIntoOneColumn", "Result column size doesn't match order BAT size");
+        BBPreleaseref(column->b);
+        return;
+      }
+    }
+    // The job owns the chunker and writer from the start, so a construction that throws
+    // leaves nothing behind.
+    jobs_.push_back(std::make_unique<ColumnJob>(
+        this, column != nullptr ? column->name : entry.first.c_str(), nullptr, nullptr));
+    ColumnJob& job = *jobs_.back();
+    reader.reset(CreateReader(*this, entry, column, data, order));
+    if (reader) job.chunker = CreateChunker(*this, entry);
+    if (job.chunker != nullptr) job.writer = CreateWriter(*this, entry);
+    ChunkerBase* chunker = job.chunker;
+    BATWriter* writer = job.writer;
+    if (error_ == nullptr && writer != nullptr) {
+      std::list<BATWriter*> files;
+      writer->RegisterIn(files);
+      for (BATWriter* w : files) {
+        if (error_ != nullptr) break;
+        int idx = FindBATByFileName(w->GetFileName());
+        if (idx < 1) {
+          ReportDetail("CIManager::CopyIntoOneColumn", "Didn't find matching BAT for file %s",
+                       w->GetFileName());
+          break;
+        }
+        BAT* target = BBPgetdesc(idx);
+        bat own = data != nullptr ? data->batCacheid : 0;
+        bat own_parent = data != nullptr && data->batParent != 0 ? data->batParent : own;
+        if (target != nullptr && idx != own && idx != own_parent) {
+          if (target->theap.base != nullptr) BATfree(target);
+          BBPuncacheit(idx, 0);
+          BBPreleaseref(idx);
+        }
+      }
+    }
+    if (writer != nullptr) writer->Open();
+    if (error_ == nullptr && chunker != nullptr && writer != nullptr) {
+      const int type = reader->type();
+      const char* type_name = ATOMname(type);
+      const void* nil = ATOMnil(type);
+      while (!reader->atEnd()) {
+        const void* value = reader->next();
+        if (value != nullptr) chunker->InsertValue(value, type_name, ATOMcmp(type, nil, value) == 0);
+        if (chunker->IsChunkFull() || reader->atEnd()) {
+          BATChunk* chunk = chunker->TakeChunk();
+          if (!SubmitChunk(writer, chunk, true) && writer->GetQueue() == nullptr) {
+            // A synchronous write failed on this thread: same text as a worker's failure.
+            char text[kErrorBufferSize];
+            WriterChunkPair* pair = new WriterChunkPair(writer, chunk);
+            pair->CreateError(text, sizeof text);
+            pair->ReleaseAll();
+            Report("CIManager::CopyIntoOneColumn", text);
+            break;
+          }
+        }
+      }
+    }
+  } catch (const char* text) {
+    Report("CIManager::CopyIntoOneColumn", text);
+  } catch (const std::exception& e) {
+    Report("CIManager::CopyIntoOneColumn", e.what());
+  }
+  reader.reset();
+  if (data != nullptr) BBPreleaseref(column->b);
+}
+
+bool CIManager::UpdateBBP(logger* lg) {
+  logger_restart(lg);
+  logger_cleanup(lg);
+  column_name_ = "";
+  if (!queue_->m_bOK) {
+    std::string text = queue_->ErrorText();
+    Report("CIManager::UpdateBBP", text.c_str());
+    return false;
+  }
+  for (auto& job : jobs_) UpdateBBPWithGo(*job);
+  OIDnew(1);
+  if (TMcommit() != 0) {
+    column_name_ = "";
+    Report("CIManager::UpdateBBP", "Commit failed");
+  }
+  return error_ == nullptr;
+}
+
+void CIManager::UpdateBBPWithGo(ColumnJob& job) {
+  if (error_ != nullptr || job.chunker == nullptr || job.writer == nullptr) return;
+  column_name_ = job.name;
+  std::list<ChunkerBase*> descriptions;
+  std::list<BATWriter*> writers;
+  job.chunker->AddToList(descriptions);
+  job.writer->RegisterIn(writers);
+  job.writer->Close();
+  if (descriptions.size() != writers.size()) {
+    Report("UpdateBBPWithGo", "Number of chunkers doesn't equal to writers");
+    return;
+  }
+  auto desc = descriptions.begin();
+  for (BATWriter* w : writers) {
+    ChunkerBase* d = *desc++;
+    if (error_ != nullptr) break;
+    int idx = FindBATByFileName(w->GetFileName());
+    if (idx < 1) {
+      ReportDetail("UpdateBBPWithGo", "Didn't find matching BAT for file %s", w->GetFileName());
+      break;
+    }
+    BAT* b = BBPgetdesc(idx);
+    if (b == nullptr) {
+      ReportDetail("UpdateBBPWithGo", "Didn't find matching BAT for file %s", w->GetFileName());
+      break;
+    }
+    int width;
+    if (b->ttype == TYPE_str) {
+      width = 8;
+    } else if (b->ttype < 0) {
+      width = ATOMsize(ATOMindex(ATOMunknown_name(b->ttype)));
+    } else {
+      width = ATOMsize(b->ttype);
+    }
+    if (d->ElementSize() != width) {
+      ReportDetail("UpdateBBPWithGo", "Chunker element size %d is different from BAT element "
+                   "size %d of type %s", d->ElementSize(), width, ATOMname(b->ttype));
+      break;
+    }
+    const bool appends = w->GetTailKeepExisting();
+    const BUN base = appends ? b->batCount : 0;
+    b->batCount = b->batCapacity = base + d->GetValueCount();
+    b->theap.free = w->GetTailSize();
+    b->theap.size = w->GetTailMappedSize();
+    b->twidth = static_cast<uint16_t>(w->GetValueWidth());
+    b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
+    b->tailRows = b->twidth != 0 ? b->theap.free / b->twidth : 0;
+    // Sorted as the chunker saw the values it was given; every other property is cleared
+    // and left to the host's check when it reloads the BAT.
+    b->tsorted = d->IsSorted() ? 1 : 0;
+    b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
+    b->batDirty = b->batDirtydesc = 1;
+    b->theap.dirty = 1;
+    if (b->tvheap != nullptr) {
+      b->tvheap->free = w->GetHeapSize();
+      b->tvheap->size = w->GetHeapMappedSize();
+      b->tvheap->dirty = 1;
+    }
+    b->batStatus |= BATSTATUS_REWRITTEN;
+    RefreshColumn(idx);
+    job.rewritten.push_back(idx);
+  }
+}
+
+}  // namespace qopci

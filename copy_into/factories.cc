@@ -1,0 +1,186 @@
+#include "copy_into/factories.h"
+
+#include <cstdint>
+
+#include "chunkers/decimal_chunker.h"
+#include "chunkers/double_chunker.h"
+#include "chunkers/simple_type_chunker.h"
+#include "readers/internal_reader.h"
+#include "writers/simple_type_bat_writer.h"
+
+namespace qopci {
+
+namespace {
+
+using Attrs = CIManager::AttrMap;
+using ChunkerMaker = ChunkerBase* (*)(CIManager&, CIManager::ColumnEntry&);
+using WriterMaker = BATWriter* (*)(CIManager&, CIManager::ColumnEntry&);
+using ReaderMaker = InternalReader* (*)(CIManager&, CIManager::ColumnEntry&, res_col*, BAT*,
+                                        BAT*);
+
+constexpr int kChunkerKinds = 8;
+constexpr int kWriterKinds = 8;
+constexpr int kReaderKinds = 6;
+
+ChunkerMaker g_chunkers[kChunkerKinds];
+WriterMaker g_writers[kWriterKinds];
+ReaderMaker g_readers[kReaderKinds];
+
+// ---- Chunkers ------------------------------------------------------------------------
+
+ChunkerBase* MakeSimpleTypeChunker(CIManager& m, CIManager::ColumnEntry& e) {
+  int code, chunk_size;
+  if (!m.GetAttrInt(e.second, 3, 632, &code) || !m.GetAttrInt(e.second, 2, 633, &chunk_size))
+    return nullptr;
+  switch (static_cast<unsigned>(code)) {
+    case 0: return new SimpleTypeChunker<int>(chunk_size);
+    case 1: return new SimpleTypeChunker<unsigned int>(chunk_size);
+    case 2: return new SimpleTypeChunker<char>(chunk_size);
+    case 3: return new SimpleTypeChunker<unsigned char>(chunk_size);
+    case 4: return new SimpleTypeChunker<short>(chunk_size);
+    case 5: return new SimpleTypeChunker<unsigned short>(chunk_size);
+    case 6: return new SimpleTypeChunker<int64_t>(chunk_size);
+    case 7: return new SimpleTypeChunker<uint64_t>(chunk_size);
+    case 8: return new DoubleChunker(chunk_size);
+    default: throw "Simple Type Chunker not supported";
+  }
+}
+
+ChunkerBase* MakeDecimalChunker(CIManager& m, CIManager::ColumnEntry& e) {
+  int chunk_size, precision, scale;
+  if (!m.GetAttrInt(e.second, 2, 786, &chunk_size) ||
+      !m.GetAttrInt(e.second, 7, 787, &precision) || !m.GetAttrInt(e.second, 8, 788, &scale))
+    return nullptr;
+  return new DecimalChunker(chunk_size, precision);
+}
+
+// ---- Writers -------------------------------------------------------------------------
+
+BATWriter* MakeSimpleTypeWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  const char* file;
+  int keep, code;
+  int64_t existing;
+  if (!m.GetAttrStr(e.second, 5, 844, &file) || !m.GetAttrInt(e.second, 6, 845, &keep) ||
+      !m.GetAttrLng(e.second, 38, 846, &existing) || !m.GetAttrInt(e.second, 4, 847, &code))
+    return nullptr;
+  const bool k = keep != 0;
+  const uint64_t n = static_cast<uint64_t>(existing);
+  switch (static_cast<unsigned>(code)) {
+    case 0: return new SimpleTypeBATWriter<int>(file, k, n);
+    case 1: return new SimpleTypeBATWriter<unsigned int>(file, k, n);
+    case 2: return new SimpleTypeBATWriter<char>(file, k, n);
+    case 3: return new SimpleTypeBATWriter<unsigned char>(file, k, n);
+    case 4: return new SimpleTypeBATWriter<short>(file, k, n);
+    case 5: return new SimpleTypeBATWriter<unsigned short>(file, k, n);
+    case 6: return new SimpleTypeBATWriter<int64_t>(file, k, n);
+    case 7: return new SimpleTypeBATWriter<uint64_t>(file, k, n);
+    case 8: return new SimpleTypeBATWriter<double>(file, k, n);
+    default: throw "Simple Type Writer not supported";
+  }
+}
+
+// Timestamps and other 64-bit columns.
+BATWriter* MakeLngWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  const char* file;
+  int keep;
+  int64_t existing;
+  if (!m.GetAttrStr(e.second, 5, 969, &file) || !m.GetAttrInt(e.second, 6, 970, &keep) ||
+      !m.GetAttrLng(e.second, 38, 971, &existing))
+    return nullptr;
+  return new SimpleTypeBATWriter<int64_t>(file, keep != 0, static_cast<uint64_t>(existing));
+}
+
+// Decimals are stored as integers of the narrowest width that holds the precision.
+BATWriter* MakeDecimalWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  const char* file;
+  int keep, precision, scale;
+  int64_t existing;
+  if (!m.GetAttrStr(e.second, 5, 1078, &file) || !m.GetAttrInt(e.second, 6, 1079, &keep) ||
+      !m.GetAttrInt(e.second, 9, 1080, &precision) ||
+      !m.GetAttrInt(e.second, 10, 1081, &scale) ||
+      !m.GetAttrLng(e.second, 38, 1082, &existing))
+    return nullptr;
+  if (scale > precision) throw "Scale should be <= precision.";
+  // The limit is tested on the scale: a larger precision with a small scale gets 8 bytes.
+  if (scale > 18) throw "Precision over 18 not supported.";
+  const bool k = keep != 0;
+  const uint64_t n = static_cast<uint64_t>(existing);
+  if (precision <= 2) return new SimpleTypeBATWriter<char>(file, k, n);
+  if (precision <= 4) return new SimpleTypeBATWriter<short>(file, k, n);
+  if (precision <= 9) return new SimpleTypeBATWriter<int>(file, k, n);
+  return new SimpleTypeBATWriter<int64_t>(file, k, n);
+}
+
+// ---- Readers -------------------------------------------------------------------------
+
+InternalReader* MakeResultReader(CIManager& m, CIManager::ColumnEntry&, res_col*, BAT* data,
+                                 BAT* order) {
+  if (data == nullptr) {
+    m.Report("ReaderFactory", "Result column missing for source kind 0");
+    return nullptr;
+  }
+  if (order != nullptr) return new RegularInternalReader(data, order);
+  return new SingleValInternalReader(data);
+}
+
+InternalReader* MakeRowIdReader(CIManager&, CIManager::ColumnEntry&, res_col*, BAT*,
+                                BAT* order) {
+  return new RowIdInternalReader(order != nullptr ? static_cast<uint32_t>(order->batCount) : 1);
+}
+
+}  // namespace
+
+void FillFactoryTables() {
+  g_chunkers[0] = MakeSimpleTypeChunker;
+  g_chunkers[4] = MakeDecimalChunker;
+  g_writers[0] = MakeSimpleTypeWriter;
+  g_writers[3] = MakeLngWriter;
+  g_writers[7] = MakeDecimalWriter;
+  g_readers[0] = MakeResultReader;
+  g_readers[1] = MakeRowIdReader;
+}
+
+ChunkerBase* CreateChunker(CIManager& m, CIManager::ColumnEntry& e) {
+  int kind, source, to_timestamp;
+  if (!m.GetAttrInt(e.second, 0, 532, &kind) || !m.GetAttrInt(e.second, 33, 533, &source) ||
+      !m.GetAttrInt(e.second, 50, 534, &to_timestamp))
+    return nullptr;
+  if (kind < 0 || kind >= kChunkerKinds || g_chunkers[kind] == nullptr) {
+    m.ReportDetail("ChunkerFactory", "Chunker kind %d not supported", kind);
+    return nullptr;
+  }
+  ChunkerBase* c = g_chunkers[kind](m, e);
+  if (c != nullptr)
+    c->InitCastTable(ATOMindex, ATOMformat,
+                     to_timestamp != 0 ? ATOMstrConvertToTimeStamp : ATOMstrConvert, GDKfree);
+  return c;
+}
+
+BATWriter* CreateWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  int kind, queued, option;
+  if (!m.GetAttrInt(e.second, 1, 552, &kind) || !m.GetAttrInt(e.second, 34, 553, &queued) ||
+      !m.GetAttrInt(e.second, 36, 554, &option))
+    return nullptr;
+  if (kind < 0 || kind >= kWriterKinds || g_writers[kind] == nullptr) {
+    m.ReportDetail("WriterFactory", "Writer kind %d not supported", kind);
+    return nullptr;
+  }
+  BATWriter* w = g_writers[kind](m, e);
+  if (w == nullptr) return nullptr;
+  w->SetCompressed(option != 0);
+  if (queued != 0) w->SetQueue(m.queue());
+  return w;
+}
+
+InternalReader* CreateReader(CIManager& m, CIManager::ColumnEntry& e, res_col* column,
+                             BAT* data, BAT* order) {
+  int kind;
+  if (!m.GetAttrInt(e.second, 33, 568, &kind)) return nullptr;
+  if (kind < 0 || kind >= kReaderKinds || g_readers[kind] == nullptr) {
+    m.ReportDetail("ReaderFactory", "Reader kind %d not supported", kind);
+    return nullptr;
+  }
+  return g_readers[kind](m, e, column, data, order);
+}
+
+}  // namespace qopci
