@@ -42,6 +42,12 @@ class ChunkerBase {
   // REQUIRES: !IsChunkFull(); type_name stays valid while it is the last name passed in.
   virtual bool InsertValue(const void* src, const char* type_name, bool is_nil) = 0;
 
+  // Stores up to n consecutive source values of the host type named type_name, stride
+  // bytes apart, exactly as that many InsertValue calls would, each with the nil flag "its
+  // stride bytes equal those at nil". Stops once the chunk is full; returns how many it
+  // stored. REQUIRES: !IsChunkFull(), or nothing is stored.
+  virtual size_t InsertRun(const void* src, const char* type_name, size_t n, size_t stride,
+                           const void* nil);
   virtual bool IsChunkFull() = 0;
   virtual bool HasNoNils() = 0;
 

@@ -38,6 +38,10 @@ class SimpleTypeChunker : public Chunker<T> {
     return InsertValueSlow(src, type_name, is_nil);
   }
 
+  // Values stored exactly as T are copied in a tight loop; everything else goes value by
+  // value through InsertValue.
+  size_t InsertRun(const void* src, const char* type_name, size_t n, size_t stride,
+                   const void* nil) override;
   bool IsChunkFull() override { return static_cast<uint64_t>(chunk_->count_) >= chunk_->capacity_; }
   uint64_t GetValueCount() override { return value_count_; }
   const T* GetNilValue() override { return &nil_; }

@@ -20,6 +20,11 @@ class TimestampChunker : public SimpleTypeChunker<int64_t> {
   // Goes through InsertVal, so that a converted 0 is a nil too.
   bool InsertValue(const void* src, const char* type_name, bool is_nil) override;
   bool InsertVal(int64_t value) override;
+  // Value by value: every value goes through InsertVal, which takes 0 as nil.
+  size_t InsertRun(const void* src, const char* type_name, size_t n, size_t stride,
+                   const void* nil) override {
+    return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
+  }
 
   // Stores the timestamp of a calendar date and a time of day. An impossible date gives
   // the nil day number 0x80000000. A time with a component out of range (negative, or

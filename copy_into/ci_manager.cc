@@ -264,27 +264,8 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
       }
     }
     if (writer != nullptr) writer->Open();
-    if (error_ == nullptr && chunker != nullptr && writer != nullptr) {
-      const int type = reader->type();
-      const char* type_name = ATOMname(type);
-      const void* nil = ATOMnil(type);
-      while (!reader->atEnd()) {
-        const void* value = reader->next();
-        if (value != nullptr) chunker->InsertValue(value, type_name, ATOMcmp(type, nil, value) == 0);
-        if (chunker->IsChunkFull() || reader->atEnd()) {
-          BATChunk* chunk = chunker->TakeChunk();
-          if (!SubmitChunk(writer, chunk, true) && writer->GetQueue() == nullptr) {
-            // A synchronous write failed on this thread: same text as a worker's failure.
-            char text[kErrorBufferSize];
-            WriterChunkPair* pair = new WriterChunkPair(writer, chunk);
-            pair->CreateError(text, sizeof text);
-            pair->ReleaseAll();
-            Report("CIManager::CopyIntoOneColumn", text);
-            break;
-          }
-        }
-      }
-    }
+    if (error_ == nullptr && chunker != nullptr && writer != nullptr)
+      FeedColumn(*reader, *chunker, *writer);
   } catch (const char* text) {
     Report("CIManager::CopyIntoOneColumn", text);
   } catch (const std::exception& e) {
@@ -292,6 +273,51 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
   }
   reader.reset();
   if (data != nullptr) BBPreleaseref(column->b);
+}
+
+// Pulls every value from the reader into the chunker and hands each full chunk, and the
+// last one, to the writer. Runs of values that lie next to each other are inserted in one
+// call; they give the same chunks, nil flags and statistics as inserting one by one.
+void CIManager::FeedColumn(InternalReader& reader, ChunkerBase& chunker, BATWriter& writer) {
+  constexpr size_t kRunLength = 1 << 16;
+  const int type = reader.type();
+  const char* type_name = ATOMname(type);
+  const void* nil = ATOMnil(type);
+  const size_t stride = static_cast<size_t>(ATOMsize(type));
+  // After each value: hand the chunk out when it is full or the column has ended.
+  auto hand_out = [&](bool last_of_run) {
+    if (!chunker.IsChunkFull() && !(last_of_run && reader.atEnd())) return true;
+    BATChunk* chunk = chunker.TakeChunk();
+    if (SubmitChunk(&writer, chunk, true) || writer.GetQueue() != nullptr) return true;
+    // A synchronous write failed on this thread: same text as a worker's failure.
+    char text[kErrorBufferSize];
+    WriterChunkPair* pair = new WriterChunkPair(&writer, chunk);
+    pair->CreateError(text, sizeof text);
+    pair->ReleaseAll();
+    Report("CIManager::CopyIntoOneColumn", text);
+    return false;
+  };
+  while (!reader.atEnd()) {
+    const void* base;
+    size_t n = reader.NextRun(&base, kRunLength);
+    if (n == 0) {
+      const void* value = reader.next();
+      if (value != nullptr) chunker.InsertValue(value, type_name, ATOMcmp(type, nil, value) == 0);
+      if (!hand_out(true)) return;
+      continue;
+    }
+    const char* p = static_cast<const char*>(base);
+    while (n > 0) {
+      size_t k = chunker.InsertRun(p, type_name, n, stride, nil);
+      if (k == 0) {  // a chunk that is full at once still takes (and drops) the value
+        chunker.InsertValue(p, type_name, std::memcmp(p, nil, stride) == 0);
+        k = 1;
+      }
+      p += k * stride;
+      n -= k;
+      if (!hand_out(n == 0)) return;
+    }
+  }
 }
 
 bool CIManager::UpdateBBP(logger* lg) {

@@ -24,6 +24,7 @@ namespace qopci {
 class BATWriter;
 class ChunkerBase;
 class ConcurrentQueue;
+class InternalReader;
 
 class CIManager {
  public:
@@ -80,6 +81,8 @@ class CIManager {
   bool ExecuteCopyInto(mvc* context, int result_id);
   // Copies one column; `column` is null for a generated column. Errors go to the error text.
   void CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entry);
+  // Feeds every value of the reader through the chunker to the writer.
+  void FeedColumn(InternalReader& reader, ChunkerBase& chunker, BATWriter& writer);
   // Closes the writers, rewrites the descriptors and commits. True when no error is recorded.
   bool UpdateBBP(logger* lg);
   // Rewrites the BAT descriptors of one column.

@@ -28,10 +28,16 @@ ReaderMaker g_readers[kReaderKinds];
 
 // ---- Chunkers ------------------------------------------------------------------------
 
+// A chunk of no values would drop every value of the column.
+void CheckChunkSize(int chunk_size) {
+  if (chunk_size < 1) throw "Chunk size must be at least 1";
+}
+
 ChunkerBase* MakeSimpleTypeChunker(CIManager& m, CIManager::ColumnEntry& e) {
   int code, chunk_size;
   if (!m.GetAttrInt(e.second, 3, 632, &code) || !m.GetAttrInt(e.second, 2, 633, &chunk_size))
     return nullptr;
+  CheckChunkSize(chunk_size);
   switch (static_cast<unsigned>(code)) {
     case 0: return new SimpleTypeChunker<int>(chunk_size);
     case 1: return new SimpleTypeChunker<unsigned int>(chunk_size);
@@ -51,6 +57,7 @@ ChunkerBase* MakeDecimalChunker(CIManager& m, CIManager::ColumnEntry& e) {
   if (!m.GetAttrInt(e.second, 2, 786, &chunk_size) ||
       !m.GetAttrInt(e.second, 7, 787, &precision) || !m.GetAttrInt(e.second, 8, 788, &scale))
     return nullptr;
+  CheckChunkSize(chunk_size);
   return new DecimalChunker(chunk_size, precision);
 }
 

@@ -1,5 +1,7 @@
 #include "readers/internal_reader.h"
 
+#include <algorithm>
+
 #include "corvid/strheap.h"
 
 namespace qopci {
@@ -30,7 +32,26 @@ RegularInternalReader::RegularInternalReader(BAT* result, BAT* order)
       end_(static_cast<uint32_t>(result->batCount)),
       result_iter_(result),
       order_iter_(order),
-      result_(result) {}
+      result_(result),
+      order_(order),
+      runs_(order->ttype == TYPE_void && order->tseqbase != oid_nil &&
+            result->ttype != TYPE_void && result->tvheap == nullptr &&
+            result->twidth == ATOMsize(result->ttype)) {}
+
+size_t RegularInternalReader::NextRun(const void** base, size_t max) {
+  if (!runs_ || position_ >= end_) return 0;
+  // The row ids position_, position_ + 1, ... of a dense order BAT are consecutive oids;
+  // a dense head turns them into consecutive rows until one would reach nil or wrap.
+  const oid first = static_cast<oid>(order_->tseqbase - order_->hseqbase + position_);
+  if (first == oid_nil || first < result_->hseqbase) return 0;
+  const uint64_t row = first - result_->hseqbase;
+  if (row >= result_->batCount) return 0;
+  uint64_t n = std::min<uint64_t>({max, end_ - position_, result_->batCount - row,
+                                   (first < oid_nil ? oid_nil : uint64_t{UINT32_MAX} + 1) - first});
+  *base = result_->theap.base + (row << result_->tshift);
+  position_ += static_cast<uint32_t>(n);
+  return static_cast<size_t>(n);
+}
 
 const void* RegularInternalReader::next() {
   const oid row_id = *static_cast<const oid*>(order_iter_.At(position_++));

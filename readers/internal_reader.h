@@ -9,6 +9,7 @@
 #ifndef QOPCI_READERS_INTERNAL_READER_H_
 #define QOPCI_READERS_INTERNAL_READER_H_
 
+#include <cstddef>
 #include <cstdint>
 
 #include "corvid/gdk.h"
@@ -27,6 +28,14 @@ class InternalReader {
   // Address of the next value, advancing the reader; null for a row that yields no value.
   virtual const void* next() = 0;
   virtual bool atEnd() = 0;
+  // Consumes up to max values that lie next to each other in memory, ATOMsize(type())
+  // bytes apart, setting *base to the first; the same values next() would yield. Returns
+  // 0, consuming nothing, when the next values are not laid out so.
+  virtual size_t NextRun(const void** base, size_t max) {
+    (void)base;
+    (void)max;
+    return 0;
+  }
 };
 
 // Reads a BAT's tail value at a row index: fixed-width slots, string offsets into the
@@ -53,6 +62,8 @@ class RegularInternalReader : public InternalReader {
   int type() override { return type_; }
   const void* next() override;
   bool atEnd() override { return position_ >= end_; }
+  // Runs exist while a dense order BAT walks a full-width fixed-size result tail.
+  size_t NextRun(const void** base, size_t max) override;
 
  private:
   int type_;
@@ -61,6 +72,8 @@ class RegularInternalReader : public InternalReader {
   BatIterator result_iter_;
   BatIterator order_iter_;
   BAT* result_;
+  BAT* order_;
+  bool runs_;  // the order BAT is dense and the result tail is plain fixed-width values
 };
 
 // Generated row numbers 1, 2, ..., count (the first row id is 1).
