@@ -1,13 +1,16 @@
 // BAT heaps and values: loading from the column files, reading rows (including void and
 // narrow integer tails), property checks and fixed-width appends.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "corvid/exception.h"
@@ -80,17 +83,73 @@ bool ReadFile(const std::string& path, size_t n, size_t alloc, char** out, std::
   return true;
 }
 
+// Maps the first n bytes of path privately (copy-on-write): loading costs no copy, and the
+// page cache the writers just filled serves the reads. Small heaps are read instead.
+bool MapFile(const std::string& path, size_t n, char** out, std::string* why) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *why = path + ": " + ErrnoText(errno);
+    return false;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_size) < n) {
+    *why = path + ": file holds " + std::to_string(st.st_size) +
+           " bytes, the catalog describes " + std::to_string(n);
+    ::close(fd);
+    return false;
+  }
+  void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
+  ::close(fd);
+  if (p == MAP_FAILED) {
+    *why = path + ": " + ErrnoText(errno);
+    return false;
+  }
+  *out = static_cast<char*>(p);
+  return true;
+}
+
+// Heaps at least this large are mapped rather than read.
+constexpr size_t kMapThreshold = 1 << 20;
+
+bool LoadHeap(const std::string& path, Heap* h, size_t alloc, char** out, std::string* why) {
+  if (h->free >= kMapThreshold && alloc <= h->free) {
+    if (!MapFile(path, h->free, out, why)) return false;
+    h->flags |= HEAP_MAPPED;
+    return true;
+  }
+  h->flags &= ~HEAP_MAPPED;
+  return ReadFile(path, h->free, alloc, out, why);
+}
+
 }  // namespace
 
 bool HeapsLoaded(const BAT* b) { return (b->batStatus & BATSTATUS_LOADED) != 0; }
 
+void ReleaseHeapMemory(Heap* h) {
+  if (h->base != nullptr && (h->flags & HEAP_MAPPED))
+    ::munmap(h->base, h->free);
+  else
+    std::free(h->base);
+  h->base = nullptr;
+  h->flags &= ~HEAP_MAPPED;
+}
+
+bool MakeHeapOwned(Heap* h) {
+  if (h->base == nullptr || !(h->flags & HEAP_MAPPED)) return true;
+  const size_t size = std::max({h->size, h->free, size_t{1}});
+  char* own = static_cast<char*>(std::calloc(size, 1));
+  if (!own) return false;
+  std::memcpy(own, h->base, h->free);
+  ::munmap(h->base, h->free);
+  h->base = own;
+  h->size = size;
+  h->flags &= ~HEAP_MAPPED;
+  return true;
+}
+
 void FreeHeaps(BAT* b) {
-  std::free(b->theap.base);
-  b->theap.base = nullptr;
-  if (b->tvheap) {
-    std::free(b->tvheap->base);
-    b->tvheap->base = nullptr;
-  }
+  ReleaseHeapMemory(&b->theap);
+  if (b->tvheap) ReleaseHeapMemory(b->tvheap);
   if (b->ttype != TYPE_void) b->batStatus &= ~static_cast<uint32_t>(BATSTATUS_LOADED);
 }
 
@@ -98,18 +157,18 @@ bool LoadHeaps(BAT* b, std::string* why) {
   if (b->ttype == TYPE_void) return true;
   char* tail = nullptr;
   char* heap = nullptr;
-  if (!ReadFile(BatPath(b->batCacheid, "tail"), b->theap.free,
+  FreeHeaps(b);
+  if (!LoadHeap(BatPath(b->batCacheid, "tail"), &b->theap,
                 std::max(b->theap.free, b->theap.size), &tail, why))
     return false;
+  b->theap.base = tail;
   if (b->tvheap) {
     size_t alloc = std::max({b->tvheap->free, b->tvheap->size, size_t{CVD_STRHEAP_HASHAREA}});
-    if (!ReadFile(BatPath(b->batCacheid, "theap"), b->tvheap->free, alloc, &heap, why)) {
-      std::free(tail);
+    if (!LoadHeap(BatPath(b->batCacheid, "theap"), b->tvheap, alloc, &heap, why)) {
+      ReleaseHeapMemory(&b->theap);
       return false;
     }
   }
-  FreeHeaps(b);
-  b->theap.base = tail;
   b->theap.size = std::max(b->theap.free, b->theap.size);
   b->theap.dirty = 0;
   if (b->tvheap) {
@@ -123,6 +182,7 @@ bool LoadHeaps(BAT* b, std::string* why) {
 }
 
 bool EnsureHeapRoom(Heap* h, size_t need) {
+  if (!MakeHeapOwned(h)) return false;
   if (need <= h->size && h->base) return true;
   size_t size = std::max<size_t>(h->size, 64);
   while (size < need) size *= 2;
@@ -174,6 +234,94 @@ char* AppendFixed(BAT* b, const void* value) {
   return nullptr;
 }
 
+namespace {
+
+template <typename T>
+void ScanTyped(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
+  const T* v = reinterpret_cast<const T*>(b->theap.base);
+  const T nil = std::numeric_limits<T>::min();
+  bool up = true, down = true, apart = true, none = true;
+  for (BUN i = 0; i < b->batCount; i++) {
+    none &= v[i] != nil;
+    if (i == 0) continue;
+    up &= v[i - 1] <= v[i];
+    down &= v[i - 1] >= v[i];
+    apart &= v[i - 1] != v[i];
+  }
+  *sorted = up;
+  *revsorted = down;
+  *distinct = apart;
+  *nonil = none;
+}
+
+// Doubles whose nil (-DBL_MAX) is the smallest value present: false, leaving the scan to
+// the generic path, when a NaN or -inf would make the plain order differ from the host's.
+bool ScanDoubles(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
+  const double* v = reinterpret_cast<const double*>(b->theap.base);
+  bool up = true, down = true, apart = true, none = true;
+  for (BUN i = 0; i < b->batCount; i++) {
+    if (std::isnan(v[i]) || v[i] < dbl_nil) return false;
+    none &= v[i] != dbl_nil;
+    if (i == 0) continue;
+    up &= v[i - 1] <= v[i];
+    down &= v[i - 1] >= v[i];
+    apart &= v[i - 1] != v[i];
+  }
+  *sorted = up;
+  *revsorted = down;
+  *distinct = apart;
+  *nonil = none;
+  return true;
+}
+
+template <typename T>
+bool NilIsMin(int type) {
+  T nil;
+  std::memcpy(&nil, ATOMnil(type), sizeof nil);
+  return nil == std::numeric_limits<T>::min();
+}
+
+}  // namespace
+
+bool ScanPlainTail(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
+  const int t = b->ttype;
+  if (!b->theap.base) return false;
+  if (t == TYPE_dbl && b->twidth == sizeof(double))
+    return ScanDoubles(b, sorted, revsorted, distinct, nonil);
+  if (IsNarrowInteger(b)) {
+    // Narrow values widen by sign extension and never reach the wide type's nil.
+    switch (b->twidth) {
+      case 1: ScanTyped<int8_t>(b, sorted, revsorted, distinct, nonil); break;
+      case 2: ScanTyped<int16_t>(b, sorted, revsorted, distinct, nonil); break;
+      default: ScanTyped<int32_t>(b, sorted, revsorted, distinct, nonil); break;
+    }
+    *nonil = true;
+    return true;
+  }
+  if (t == TYPE_void || t == TYPE_str || t == TYPE_oid || t == TYPE_ptr || t == TYPE_flt ||
+      t == TYPE_dbl || b->twidth != ATOMsize(t))
+    return false;
+  switch (b->twidth) {
+    case 1:
+      if (!NilIsMin<int8_t>(t)) return false;
+      ScanTyped<int8_t>(b, sorted, revsorted, distinct, nonil);
+      return true;
+    case 2:
+      if (!NilIsMin<int16_t>(t)) return false;
+      ScanTyped<int16_t>(b, sorted, revsorted, distinct, nonil);
+      return true;
+    case 4:
+      if (!NilIsMin<int32_t>(t)) return false;
+      ScanTyped<int32_t>(b, sorted, revsorted, distinct, nonil);
+      return true;
+    case 8:
+      if (!NilIsMin<int64_t>(t)) return false;
+      ScanTyped<int64_t>(b, sorted, revsorted, distinct, nonil);
+      return true;
+  }
+  return false;
+}
+
 }  // namespace corvid
 
 using corvid::Rec;
@@ -202,19 +350,22 @@ void BATfree(BAT* b) {
 
 void BATpropcheck(BAT* b) {
   if (!b || (b->ttype != TYPE_void && !corvid::HeapsLoaded(b))) return;
+  if (!b->tsorted && !b->trevsorted && !b->tkey && !b->tnonil) return;  // nothing to clear
   const int t = b->ttype;
   alignas(8) unsigned char s1[8], s2[8];
   bool sorted = true, revsorted = true, adjacent_distinct = true, nonil = true;
   const void* nil = ATOMnil(t);
-  for (BUN i = 0; i < b->batCount; i++) {
-    const void* v = TailValue(b, i, s1);
-    if (!v) return;  // unreadable row: leave the flags alone rather than guess
-    if (ATOMcmp(t, v, nil) == 0) nonil = false;
-    if (i == 0) continue;
-    int c = ATOMcmp(t, TailValue(b, i - 1, s2), TailValue(b, i, s1));
-    if (c > 0) sorted = false;
-    if (c < 0) revsorted = false;
-    if (c == 0) adjacent_distinct = false;
+  if (!corvid::ScanPlainTail(b, &sorted, &revsorted, &adjacent_distinct, &nonil)) {
+    for (BUN i = 0; i < b->batCount; i++) {
+      const void* v = TailValue(b, i, s1);
+      if (!v) return;  // unreadable row: leave the flags alone rather than guess
+      if (ATOMcmp(t, v, nil) == 0) nonil = false;
+      if (i == 0) continue;
+      int c = ATOMcmp(t, TailValue(b, i - 1, s2), TailValue(b, i, s1));
+      if (c > 0) sorted = false;
+      if (c < 0) revsorted = false;
+      if (c == 0) adjacent_distinct = false;
+    }
   }
   bool key = adjacent_distinct;
   if (key && !sorted && !revsorted && b->tkey) {  // only an unordered tail needs the full check

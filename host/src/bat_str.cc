@@ -63,7 +63,7 @@ bool Widen(BAT* b, int width) {
     uint64_t v = cvd_str_tailval(pos, width);
     std::memcpy(grown + i * width, &v, width);
   }
-  std::free(b->theap.base);
+  ReleaseHeapMemory(&b->theap);
   b->theap.base = grown;
   b->theap.size = std::max<size_t>(b->batCapacity, 1) * width;
   b->theap.free = b->batCount * width;
@@ -75,7 +75,7 @@ bool Widen(BAT* b, int width) {
 }  // namespace
 
 void InitStringHeap(Heap* h) {
-  std::free(h->base);
+  ReleaseHeapMemory(h);
   h->base = static_cast<char*>(std::calloc(CVD_STRHEAP_HASHAREA * 2, 1));
   h->size = h->base ? CVD_STRHEAP_HASHAREA * 2 : 0;
   h->free = CVD_STRHEAP_HASHAREA;
@@ -89,6 +89,8 @@ char* AppendString(BAT* b, const char* s) {
   if (!h || !h->base || h->baseoff != 0)
     return createException(MAL, "CVDbat_append", "string heap of BAT %d is not loaded",
                            b->batCacheid);
+  if (!MakeHeapOwned(h) || !MakeHeapOwned(&b->theap))
+    return createException(MAL, "CVDbat_append", "out of memory");
   const uint32_t len = cvd_str_len(s);
   const uint32_t hash = cvd_str_hash(s);
   const uint32_t bucket = cvd_str_bucket(hash);

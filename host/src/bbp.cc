@@ -10,8 +10,8 @@
 namespace corvid {
 
 BatRec::~BatRec() {
-  std::free(desc.theap.base);
-  std::free(vheap.base);
+  ReleaseHeapMemory(&desc.theap);
+  ReleaseHeapMemory(&vheap);
 }
 
 Kernel& K() {

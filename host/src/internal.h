@@ -60,6 +60,13 @@ void FreeHeaps(BAT* b);
 // descriptor is untouched and *why says what was wrong.
 bool LoadHeaps(BAT* b, std::string* why);
 bool EnsureHeapRoom(Heap* h, size_t need);  // grows h->base to at least `need` bytes
+// Loaded heaps are private mappings of their files until something changes them: every
+// path that writes into a heap first makes its memory the kernel's own.
+bool MakeHeapOwned(Heap* h);
+// The property scan of a full-width signed integer tail whose nil is the type's smallest
+// value, where the host's order (nil first) is the plain order. False for other tails.
+bool ScanPlainTail(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil);
+void ReleaseHeapMemory(Heap* h);  // unmaps or frees base; base becomes null
 
 // The value of row i, or nullptr when out of range or not loaded. Computed values (void and
 // narrow tails) go to `scratch` (8 bytes).

@@ -71,6 +71,7 @@ enum {
 /* ---- Heaps and BAT descriptors ------------------------------------------------------ */
 
 #define HEAP_STRPREFIX 2 /* Heap.flags: string records carry the 8-byte length+hash prefix */
+#define HEAP_MAPPED 4    /* Heap.flags: base is the kernel's private read mapping of the file */
 
 typedef struct Heap {
   size_t free;    /* bytes in use */
