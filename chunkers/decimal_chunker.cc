@@ -1,5 +1,7 @@
 #include "chunkers/decimal_chunker.h"
 
+#include <cstring>
+
 namespace qopci {
 namespace {
 
@@ -60,6 +62,28 @@ bool DecimalChunker::InsertVal(int64_t value) {
   chunk_->size_ += static_cast<uint64_t>(width_);
   ++value_count_;
   return true;
+}
+
+size_t DecimalChunker::InsertRun(const void* src, const char* type_name, size_t n,
+                                 size_t stride, const void* nil) {
+  if (type_name != cast_name_ || !cast_direct_ || stride != sizeof(int64_t))
+    return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
+  uint64_t nil_bits;
+  std::memcpy(&nil_bits, nil, sizeof nil_bits);
+  const uint64_t room = chunk_->capacity_ - static_cast<uint64_t>(chunk_->count_);
+  const size_t k = n < room ? n : static_cast<size_t>(room);
+  const char* p = static_cast<const char*>(src);
+  char* slot = chunk_->buffer_ + static_cast<uint64_t>(chunk_->count_) * width_;
+  for (size_t i = 0; i < k; i++, p += sizeof(int64_t), slot += width_) {
+    uint64_t bits;
+    std::memcpy(&bits, p, sizeof bits);
+    const int64_t v = bits == nil_bits ? nil_ : static_cast<int64_t>(bits);
+    *slot = static_cast<char>(v & 0xFF);  // the lowest byte only, as InsertVal stores it
+  }
+  chunk_->count_ += static_cast<int32_t>(k);
+  chunk_->size_ += k * static_cast<uint64_t>(width_);
+  value_count_ += k;
+  return k;
 }
 
 }  // namespace qopci

@@ -34,6 +34,9 @@ class DecimalChunker : public Chunker<int64_t> {
 
   // Returns false and stores nothing when the chunk is full.
   bool InsertVal(int64_t value) override;
+  // 64-bit sources are stored in a tight loop; others go value by value.
+  size_t InsertRun(const void* src, const char* type_name, size_t n, size_t stride,
+                   const void* nil) override;
 
   int32_t StorageWidth() const { return width_; }
 
