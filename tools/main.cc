@@ -1,12 +1,15 @@
 // qopci: the command-line tool around the copy-into library and the embedded kernel.
 //   qopci copy --farm DIR --manifest FILE (--csv FILE | --generate ROWS) [--single-row] [--sync]
 //   qopci inspect --farm DIR [--column NAME] [--limit N]
+//   qopci bench [--rows N] [--columns SPEC] [--random] [--queued|--sync] [--runs K] [--dir DIR]
+//               [--json] [--chunk-size C]
 // Errors go to stderr with exit status 1.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
 
 #include "corvid/farm.h"
+#include "tools/bench_command.h"
 #include "tools/copy_command.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
@@ -48,6 +51,9 @@ int main(int argc, char** argv) {
   inspect_cmd->add_option("--column", column, "only this column (table.column or column)");
   inspect_cmd->add_option("--limit", limit, "values printed per column (default 10)");
 
+  qopci::BenchOptions bench;
+  CLI::App* bench_cmd = qopci::AddBenchCommand(&app, &bench);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -62,6 +68,8 @@ int main(int argc, char** argv) {
       return 1;
     }
     s = qopci::RunCopy(copy, std::cout);
+  } else if (bench_cmd->parsed()) {
+    s = qopci::RunBench(bench, std::cout, std::cerr);
   } else {
     s = RunInspect(farm, column, limit);
   }

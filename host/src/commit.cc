@@ -3,6 +3,7 @@
 // ".new" column files replace the old ones. A failure or crash before the catalog rename
 // leaves the previous commit as the farm's state.
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <set>
@@ -17,6 +18,47 @@
 
 namespace corvid {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Times of the last TMcommit, for CVDcommit_times: the whole call, and the part spent
+// making files durable (fsync of column files and directories, durable catalog writes).
+double last_total_s = 0;
+double last_flush_s = 0;
+double flush_acc_s = 0;  // flush time of the commit under way
+
+double Since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+bool TimedSync(const std::string& path, std::string* why) {
+  Clock::time_point start = Clock::now();
+  bool ok = SyncPath(path, why);
+  flush_acc_s += Since(start);
+  return ok;
+}
+
+bool TimedWriteDurable(const std::string& path, const char* data, size_t n, std::string* why) {
+  Clock::time_point start = Clock::now();
+  bool ok = WriteDurable(path, data, n, why);
+  flush_acc_s += Since(start);
+  return ok;
+}
+
+// Records the times of one TMcommit on every way out of it.
+class CommitTimer {
+ public:
+  CommitTimer() : start_(Clock::now()) { flush_acc_s = 0; }
+  ~CommitTimer() {
+    last_total_s = Since(start_);
+    last_flush_s = flush_acc_s;
+  }
+  CommitTimer(const CommitTimer&) = delete;
+  CommitTimer& operator=(const CommitTimer&) = delete;
+
+ private:
+  Clock::time_point start_;
+};
 
 bool Faulted(int step) {
   Kernel& k = K();
@@ -34,7 +76,7 @@ bool WriteHeap(bat id, const char* ext, const Heap& h, std::vector<Pending>* ren
   std::string path = BatPath(id, ext);
   if (!MakeDirs(DirOf(path), why)) return false;
   renames->push_back({path});
-  return WriteDurable(path + ".new", h.base, h.free, why);
+  return TimedWriteDurable(path + ".new", h.base, h.free, why);
 }
 
 // Files rewritten outside the kernel are kept as they are, but must hold what the
@@ -52,7 +94,7 @@ bool SyncKept(bat id, const char* ext, size_t need, std::string* why) {
            std::to_string(need);
     return false;
   }
-  return SyncPath(path, why);
+  return TimedSync(path, why);
 }
 
 bool CommitBat(BatRec* r, CatalogEntry* e, std::vector<Pending>* renames, std::string* why) {
@@ -87,6 +129,11 @@ extern "C" {
 
 void CVDfarm_fail_commit(int step) { K().fail_commit_at = step; }
 
+void CVDcommit_times(double* total_s, double* flush_s) {
+  if (total_s != nullptr) *total_s = last_total_s;
+  if (flush_s != nullptr) *flush_s = last_flush_s;
+}
+
 oid OIDnew(oid count) {
   Kernel& k = K();
   oid first = k.next_oid;
@@ -96,6 +143,7 @@ oid OIDnew(oid count) {
 }
 
 int TMcommit(void) {
+  CommitTimer timer;
   Kernel& k = K();
   if (k.farm.empty()) return -1;
   std::vector<Pending> renames;
@@ -120,21 +168,22 @@ int TMcommit(void) {
   std::set<std::string> dirs;
   for (const Pending& p : renames) dirs.insert(DirOf(p.path));
   for (const std::string& d : dirs)
-    if (!SyncPath(d, &why)) return Fail(renames, why);
+    if (!TimedSync(d, &why)) return Fail(renames, why);
   if (Faulted(1)) return Fail(renames, "injected failure before the catalog");
   const std::string text = SerializeCatalog(cat);
   const std::string catalog = k.farm + "/catalog";
-  if (!WriteDurable(catalog + ".new", text.data(), text.size(), &why)) return Fail(renames, why);
+  if (!TimedWriteDurable(catalog + ".new", text.data(), text.size(), &why))
+    return Fail(renames, why);
   const bool injected = Faulted(2);
   if (injected || std::rename((catalog + ".new").c_str(), catalog.c_str()) != 0) {
     why = injected ? "injected failure" : ErrnoText(errno);
     std::remove((catalog + ".new").c_str());
     return Fail(renames, "cannot rename " + catalog + ".new: " + why);
   }
-  SyncPath(k.farm, &why);
+  TimedSync(k.farm, &why);
   // The commit has taken effect; a crash from here on is finished by the next open.
   for (const Pending& p : renames) std::rename((p.path + ".new").c_str(), p.path.c_str());
-  for (const std::string& d : dirs) SyncPath(d, &why);
+  for (const std::string& d : dirs) TimedSync(d, &why);
   k.generation = cat.generation;
   for (size_t i = 1; i < k.pool.size(); i++) {
     BatRec* r = k.pool[i].get();

@@ -58,6 +58,11 @@ void CVDbat_release(bat b);
  * clears it. */
 void CVDfarm_fail_commit(int step);
 
+/* Seconds taken by the last TMcommit (0 before the first): *total_s the whole call,
+ * *flush_s the part spent making files durable (fsync of the column files and directories,
+ * durable writes of the kernel's own files). Either pointer may be NULL. */
+void CVDcommit_times(double* total_s, double* flush_s);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,455 @@
+#include "tools/bench_command.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "corvid/farm.h"
+#include "corvid/mtime.h"
+#include "corvid/sql.h"
+#include "qopci/qopci.h"
+#include "tools/kernel_io.h"
+
+namespace qopci {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr size_t kBaselineBlock = 4u << 20;  // bytes per write() of the baselines
+constexpr uint64_t kRandomSeed = 0x5eed2013;
+
+double Since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The farm and client context of one run, closed (dropping anything uncommitted) on every
+// path.
+class FarmSession {
+ public:
+  FarmSession() = default;
+  ~FarmSession() {
+    if (context_ != nullptr) mvc_destroy(context_);
+    if (open_) CVDfarm_close();
+  }
+  FarmSession(const FarmSession&) = delete;
+  FarmSession& operator=(const FarmSession&) = delete;
+
+  Status Open(const std::string& dir) {
+    Status s = FromKernel(CVDfarm_open(dir.c_str(), 1));
+    open_ = s.ok();
+    if (s.ok()) context_ = mvc_create();
+    if (s.ok() && context_ == nullptr) return Status::Error("cannot create a client context");
+    return s;
+  }
+  mvc* context() const { return context_; }
+
+ private:
+  bool open_ = false;
+  mvc* context_ = nullptr;
+};
+
+Status Register(const std::string& column, const Attribute& a) {
+  std::string name = column, text = a.text;
+  char* name_ptr = name.data();
+  char* text_ptr = text.data();
+  int number = a.number;
+  int v32 = static_cast<int>(a.value);
+  int64_t v64 = a.value;
+  char* exception = a.kind == Attribute::kInt
+                        ? qopci_add_col_metadata_int(nullptr, &name_ptr, &number, &v32)
+                    : a.kind == Attribute::kLng
+                        ? qopci_add_col_metadata_lng(nullptr, &name_ptr, &number, &v64)
+                        : qopci_add_col_metadata_str(nullptr, &name_ptr, &number, &text_ptr);
+  Status s = FromKernel(exception);
+  if (!s.ok())
+    return Status::Error("column " + column + ", attribute " + std::to_string(a.number) + ": " +
+                         s.message());
+  return s;
+}
+
+// A value of a signed type drawn from 64 random bits, never the type's nil (its minimum).
+template <typename T>
+T RandomSigned(std::mt19937_64* gen) {
+  for (;;) {
+    T v = static_cast<T>((*gen)());
+    if (v != std::numeric_limits<T>::min()) return v;
+  }
+}
+
+void FillRandom(const ManifestColumn& mc, uint64_t seed, ResultColumn* c) {
+  std::mt19937_64 gen(seed);
+  const uint64_t rows = c->values.size() / c->width;
+  int64_t bound = 1;  // decimals: |value| < 10^precision
+  for (int k = 0; k < mc.precision; ++k) bound *= 10;
+  const int32_t day0 = cvd_date_days(2000, 1, 1);
+  unsigned char* at = c->values.data();
+  for (uint64_t r = 0; r < rows; ++r, at += c->width) {
+    int64_t v64 = 0;
+    int32_t v32 = 0;
+    switch (mc.encoding) {
+      case Encoding::kTinyint:
+        *at = static_cast<unsigned char>(RandomSigned<int8_t>(&gen));
+        continue;
+      case Encoding::kSmallint: {
+        int16_t v = RandomSigned<int16_t>(&gen);
+        std::memcpy(at, &v, sizeof v);
+        continue;
+      }
+      case Encoding::kInt:
+        v32 = RandomSigned<int32_t>(&gen);
+        std::memcpy(at, &v32, sizeof v32);
+        continue;
+      case Encoding::kBigint:
+        v64 = RandomSigned<int64_t>(&gen);
+        break;
+      case Encoding::kDouble: {
+        double d = static_cast<double>(gen() >> 11) * 0x1.0p-53 * 2e9 - 1e9;
+        std::memcpy(at, &d, sizeof d);
+        continue;
+      }
+      case Encoding::kDecimal:
+        v64 = static_cast<int64_t>(gen() % static_cast<uint64_t>(2 * bound - 1)) - (bound - 1);
+        break;
+      case Encoding::kTimestamp: {
+        uint64_t x = gen();
+        v64 = cvd_timestamp(day0 + static_cast<int32_t>((x & 0xffffffffu) % (30 * 365)),
+                            static_cast<int32_t>((x >> 32) % 86400000u));
+        break;
+      }
+      case Encoding::kRowid:
+        continue;
+    }
+    std::memcpy(at, &v64, sizeof v64);
+  }
+}
+
+// Write `sizes[i]` bytes into a fresh file per column with write() of 4 MiB blocks, then
+// fsync each when asked, and close. *seconds is the time of all of it; the files are
+// removed afterwards.
+Status WriteBaseline(const fs::path& dir, const std::vector<uint64_t>& sizes, bool sync,
+                     double* seconds) {
+  std::vector<unsigned char> block(kBaselineBlock);
+  for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<unsigned char>(i * 131 + 7);
+  std::vector<std::string> paths;
+  Status status;
+  auto start = Clock::now();
+  for (size_t c = 0; c < sizes.size() && status.ok(); ++c) {
+    paths.push_back((dir / ("baseline-" + std::to_string(c + 1))).string());
+    int fd = ::open(paths.back().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) {
+      status = Status::Error("baseline: cannot create " + paths.back() + ": " + strerror(errno));
+      break;
+    }
+    for (uint64_t left = sizes[c]; left > 0 && status.ok();) {
+      size_t n = static_cast<size_t>(std::min<uint64_t>(left, block.size()));
+      ssize_t w = ::write(fd, block.data(), n);
+      if (w <= 0)
+        status = Status::Error("baseline: write to " + paths.back() + ": " +
+                               (w < 0 ? strerror(errno) : "nothing written"));
+      else
+        left -= static_cast<uint64_t>(w);
+    }
+    if (status.ok() && sync && ::fsync(fd) != 0)
+      status = Status::Error("baseline: fsync " + paths.back() + ": " + strerror(errno));
+    ::close(fd);
+  }
+  *seconds = Since(start);
+  for (const std::string& p : paths) ::unlink(p.c_str());
+  return status;
+}
+
+std::string Rate(double per_s, const char* unit) {
+  char buf[64];
+  if (per_s >= 1e9)
+    std::snprintf(buf, sizeof buf, "%.2f G%s/s", per_s / 1e9, unit);
+  else
+    std::snprintf(buf, sizeof buf, "%.1f M%s/s", per_s / 1e6, unit);
+  return buf;
+}
+
+std::string Megabytes(uint64_t bytes) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.0f MB", static_cast<double>(bytes) / 1e6);
+  return buf;
+}
+
+uint64_t PeakRss() {
+  struct rusage ru;
+  if (getrusage(RUSAGE_SELF, &ru) != 0) return 0;
+  return static_cast<uint64_t>(ru.ru_maxrss) * 1024;  // ru_maxrss is in KiB on Linux
+}
+
+// One export into a fresh farm under run_dir, checked and then measured against the
+// baselines.
+Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path& run_dir,
+               BenchRun* run) {
+  const Manifest& manifest = cols.manifest;
+  std::error_code ec;
+  fs::remove_all(run_dir, ec);
+  if (!ec) fs::create_directories(run_dir, ec);
+  if (ec) return Status::Error("cannot make " + run_dir.string() + ": " + ec.message());
+  std::vector<uint64_t> sizes;
+  {
+    FarmSession session;
+    Status s = session.Open((run_dir / "farm").string());
+    if (!s.ok()) return Status::Error("farm " + (run_dir / "farm").string() + ": " + s.message());
+    std::vector<TargetColumn> targets;
+    s = EnsureTargets(manifest, &targets);
+    int result_id = 0;
+    if (s.ok()) s = BuildResultTable(session.context(), manifest, data, false, &result_id);
+    for (size_t k = 0; k < targets.size() && s.ok(); ++k) {
+      const ManifestColumn& c = manifest.columns[targets[k].manifest_index];
+      TargetInfo info;
+      s = DescribeTarget(targets[k].id, &info);
+      for (const Attribute& a : ColumnAttributes(manifest, c, info, false))
+        if (s.ok()) s = Register(c.name, a);
+    }
+    if (!s.ok()) return s;
+
+    ::sync();  // start from clean page cache, whatever earlier runs left to write back
+    char* error = nullptr;
+    auto start = Clock::now();
+    int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
+    run->seconds = Since(start);
+    CVDcommit_times(&run->commit_seconds, &run->flush_seconds);
+    if (attempted == 0) return Status::Error("export: no column was registered");
+    if (error != nullptr) return Status::Error(std::string("export: ") + error);
+
+    for (const TargetColumn& t : targets) {
+      const std::string name = TargetName(manifest, manifest.columns[t.manifest_index]);
+      const BAT* b = BBPgetdesc(t.id);
+      if (b == nullptr || b->batCount != data.rows)
+        return Status::Error("export: " + name + " holds " +
+                             (b ? std::to_string(b->batCount) : std::string("no BAT")) +
+                             " rows, expected " + std::to_string(data.rows));
+      char path[4096];
+      struct stat st;
+      if (CVDbat_filename(t.id, "tail", path, sizeof path) == nullptr || ::stat(path, &st) != 0)
+        return Status::Error("export: cannot find the tail file of " + name);
+      sizes.push_back(static_cast<uint64_t>(st.st_size));
+      run->bytes += static_cast<uint64_t>(st.st_size);
+    }
+  }
+  ::sync();
+  Status s = WriteBaseline(run_dir, sizes, false, &run->baseline_seconds);
+  ::sync();
+  if (s.ok()) s = WriteBaseline(run_dir, sizes, true, &run->baseline_fsync_seconds);
+  return s;
+}
+
+}  // namespace
+
+CLI::App* AddBenchCommand(CLI::App* app, BenchOptions* o) {
+  CLI::App* cmd = app->add_subcommand("bench", "time exports of a synthetic result");
+  cmd->add_option("--rows", o->rows, "rows of the synthetic result (default 10000000)");
+  cmd->add_option("--columns", o->columns,
+                  "comma list of types, each may end in :random (default " +
+                      std::string(kDefaultBenchColumns) + ")");
+  cmd->add_flag("--random", o->random, "pseudo-random values in every column (fixed seed)");
+  CLI::Option* queued =
+      cmd->add_flag("--queued")->description("write columns on the work queue (default)");
+  CLI::Option* sync = cmd->add_flag("--sync", o->sync, "write every column on the calling thread");
+  queued->excludes(sync);
+  sync->excludes(queued);
+  cmd->add_option("--runs", o->runs, "exports to time, each into a fresh farm (default 5)");
+  cmd->add_option("--dir", o->dir,
+                  "runs are made in DIR/run-K (default " + std::string(kDefaultBenchDir) + ")");
+  cmd->add_flag("--json", o->json, "print the medians as one JSON object");
+  cmd->add_option("--chunk-size", o->chunk_size, "values per chunk (default 65536)");
+  return cmd;
+}
+
+Status CheckBenchOptions(const BenchOptions& o) {
+  if (o.rows < 1 || o.rows > kMaxResultRows)
+    return Status::Error("--rows must be 1 to " + std::to_string(kMaxResultRows));
+  if (o.runs < 1) return Status::Error("--runs must be at least 1");
+  if (o.chunk_size < 1) return Status::Error("--chunk-size must be at least 1");
+  if (o.dir.empty()) return Status::Error("--dir must not be empty");
+  return Status::OK();
+}
+
+Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_size, bool sync,
+                         BenchColumns* out) {
+  *out = BenchColumns();
+  std::vector<std::string> items(1);
+  int depth = 0;
+  for (char ch : spec) {
+    if (ch == ',' && depth == 0) {
+      items.emplace_back();
+      continue;
+    }
+    depth += ch == '(' ? 1 : ch == ')' ? -1 : 0;
+    items.back() += ch;
+  }
+  out->manifest.table = "bench";
+  out->manifest.chunk_size = chunk_size;
+  out->manifest.queued = !sync;
+  for (size_t k = 0; k < items.size(); ++k) {
+    std::string type = items[k];
+    const std::string where = "--columns item " + std::to_string(k + 1) + " \"" + type + "\": ";
+    bool asked = false;  // ":random" written on this item
+    size_t colon = type.rfind(':');
+    if (colon != std::string::npos) {
+      if (type.substr(colon + 1) != "random")
+        return Status::Error(where + "only \":random\" may follow a type");
+      asked = true;
+      type.resize(colon);
+    }
+    // The manifest parser knows the types and their rules; parse each as a one-column one.
+    const std::string name = "c" + std::to_string(k + 1);
+    nlohmann::json j = {{"table", "bench"}, {"columns", {{{"name", name}, {"type", type}}}}};
+    Manifest one;
+    Status s = ParseManifest(j.dump(), &one);
+    if (!s.ok()) {
+      const std::string prefix = "manifest: column \"" + name + "\": ";
+      std::string why = s.message();
+      if (why.rfind(prefix, 0) == 0) why = why.substr(prefix.size());
+      return Status::Error(where + why);
+    }
+    // Row ids are made by the export: --random leaves them be, ":random" on one is a mistake.
+    const bool rowid = one.columns[0].encoding == Encoding::kRowid;
+    if (asked && rowid)
+      return Status::Error(where + "row ids are made by the export and cannot be random");
+    out->manifest.columns.push_back(one.columns[0]);
+    out->random.push_back(!rowid && (asked || all_random));
+  }
+  return Status::OK();
+}
+
+Status GenerateBenchRows(const BenchColumns& columns, uint64_t rows, ResultData* out) {
+  Status s = GenerateRows(columns.manifest, rows, out);
+  if (!s.ok()) return s;
+  for (ResultColumn& c : out->columns)
+    if (columns.random[c.manifest_index])
+      FillRandom(columns.manifest.columns[c.manifest_index], kRandomSeed + c.manifest_index, &c);
+  return Status::OK();
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  size_t n = v.size();
+  return n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+BenchSummary Summarize(const std::vector<BenchRun>& runs, uint64_t rows) {
+  BenchSummary s;
+  s.rows = rows;
+  std::vector<double> rps, bps, base, base_sync, ratio, commit, flush;
+  for (const BenchRun& r : runs) {
+    const double bytes = static_cast<double>(r.bytes);
+    s.seconds.push_back(r.seconds);
+    rps.push_back(static_cast<double>(rows) / r.seconds);
+    bps.push_back(bytes / r.seconds);
+    base.push_back(bytes / r.baseline_seconds);
+    base_sync.push_back(bytes / r.baseline_fsync_seconds);
+    ratio.push_back(r.baseline_seconds / r.seconds);  // (bytes/s) / (bytes/s)
+    commit.push_back(r.commit_seconds);
+    flush.push_back(r.flush_seconds);
+  }
+  s.rows_per_s = Median(rps);
+  s.bytes_per_s = Median(bps);
+  s.baseline_bytes_per_s = Median(base);
+  s.baseline_fsync_bytes_per_s = Median(base_sync);
+  s.ratio = Median(ratio);
+  s.commit_s = Median(commit);
+  s.commit_flush_s = Median(flush);
+  return s;
+}
+
+std::string BenchJson(const BenchSummary& s) {
+  nlohmann::ordered_json j;
+  j["rows"] = s.rows;
+  j["runs"] = s.seconds.size();
+  j["columns"] = s.columns;
+  j["mode"] = s.mode;
+  j["seconds"] = s.seconds;
+  j["rows_per_s"] = s.rows_per_s;
+  j["bytes_per_s"] = s.bytes_per_s;
+  j["baseline_bytes_per_s"] = s.baseline_bytes_per_s;
+  j["baseline_fsync_bytes_per_s"] = s.baseline_fsync_bytes_per_s;
+  j["ratio"] = s.ratio;
+  j["peak_rss_bytes"] = s.peak_rss_bytes;
+  j["commit_s"] = s.commit_s;
+  j["commit_flush_s"] = s.commit_flush_s;
+  j["result_bytes"] = s.result_bytes;
+  return j.dump();
+}
+
+Status RunBench(const BenchOptions& o, std::ostream& out, std::ostream& log) {
+  Status s = CheckBenchOptions(o);
+  BenchColumns cols;
+  if (s.ok()) s = ParseBenchColumns(o.columns, o.random, o.chunk_size, o.sync, &cols);
+  ResultData data;
+  if (s.ok()) s = GenerateBenchRows(cols, o.rows, &data);
+  if (!s.ok()) return s;
+  std::error_code ec;
+  const fs::path dir = fs::absolute(o.dir, ec).lexically_normal();
+  if (ec) return Status::Error("--dir " + o.dir + ": " + ec.message());
+  const uint64_t rss_loaded = PeakRss();
+
+  std::ostream& lines = o.json ? log : out;
+  const char* mode = o.sync ? "sync" : "queued";
+  lines << "bench: " << o.rows << " rows of " << o.columns << (o.random ? " (all random)" : "")
+        << ", " << mode << ", " << o.runs << " runs in " << dir.string() << "/run-K\n";
+  std::vector<BenchRun> runs;
+  char line[512];
+  for (int k = 1; k <= o.runs; ++k) {
+    BenchRun r;
+    const fs::path run_dir = dir / ("run-" + std::to_string(k));
+    s = RunOnce(cols, data, run_dir, &r);
+    if (!s.ok()) return Status::Error("run " + std::to_string(k) + ": " + s.message());
+    std::snprintf(line, sizeof line,
+                  "run %d: %.3f s (commit %.3f s, fsync %.3f s)  %s  export %s  "
+                  "write() %s  write()+fsync %s  ratio %.3f\n",
+                  k, r.seconds, r.commit_seconds, r.flush_seconds,
+                  Rate(static_cast<double>(o.rows) / r.seconds, "rows").c_str(),
+                  Rate(static_cast<double>(r.bytes) / r.seconds, "B").c_str(),
+                  Rate(static_cast<double>(r.bytes) / r.baseline_seconds, "B").c_str(),
+                  Rate(static_cast<double>(r.bytes) / r.baseline_fsync_seconds, "B").c_str(),
+                  r.baseline_seconds / r.seconds);
+    lines << line;
+    runs.push_back(r);
+    if (k < o.runs) fs::remove_all(run_dir, ec);  // the last run's farm stays for inspection
+  }
+
+  BenchSummary sum = Summarize(runs, o.rows);
+  sum.columns = o.columns;
+  sum.mode = mode;
+  sum.peak_rss_bytes = PeakRss();
+  uint64_t width = 0;
+  for (const ResultColumn& c : data.columns) width += static_cast<uint64_t>(c.width);
+  sum.result_bytes = width * o.rows;
+  std::snprintf(line, sizeof line,
+                "median of %d: %s  export %s  baseline write() %s  write()+fsync %s  ratio %.3f  "
+                "commit %.3f s of which fsync %.3f s\n",
+                o.runs, Rate(sum.rows_per_s, "rows").c_str(), Rate(sum.bytes_per_s, "B").c_str(),
+                Rate(sum.baseline_bytes_per_s, "B").c_str(),
+                Rate(sum.baseline_fsync_bytes_per_s, "B").c_str(), sum.ratio, sum.commit_s,
+                sum.commit_flush_s);
+  lines << line;
+  // The synthetic result is resident twice: the generator's copy and the kernel's result BATs.
+  const uint64_t twice = 2 * sum.result_bytes;
+  lines << "peak RSS " << Megabytes(sum.peak_rss_bytes) << " (" << Megabytes(rss_loaded)
+        << " after generating): synthetic result " << Megabytes(sum.result_bytes)
+        << " held twice (generator copy + result BATs) = " << Megabytes(twice) << ", the rest "
+        << Megabytes(sum.peak_rss_bytes > twice ? sum.peak_rss_bytes - twice : 0) << "\n";
+  if (o.json) out << BenchJson(sum) << "\n";
+  return Status::OK();
+}
+
+}  // namespace qopci
