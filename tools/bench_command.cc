@@ -21,6 +21,7 @@
 #include "corvid/sql.h"
 #include "qopci/qopci.h"
 #include "tools/kernel_io.h"
+#include "tools/session.h"
 
 namespace qopci {
 
@@ -34,51 +35,6 @@ constexpr uint64_t kRandomSeed = 0x5eed2013;
 
 double Since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// The farm and client context of one run, closed (dropping anything uncommitted) on every
-// path.
-class FarmSession {
- public:
-  FarmSession() = default;
-  ~FarmSession() {
-    if (context_ != nullptr) mvc_destroy(context_);
-    if (open_) CVDfarm_close();
-  }
-  FarmSession(const FarmSession&) = delete;
-  FarmSession& operator=(const FarmSession&) = delete;
-
-  Status Open(const std::string& dir) {
-    Status s = FromKernel(CVDfarm_open(dir.c_str(), 1));
-    open_ = s.ok();
-    if (s.ok()) context_ = mvc_create();
-    if (s.ok() && context_ == nullptr) return Status::Error("cannot create a client context");
-    return s;
-  }
-  mvc* context() const { return context_; }
-
- private:
-  bool open_ = false;
-  mvc* context_ = nullptr;
-};
-
-Status Register(const std::string& column, const Attribute& a) {
-  std::string name = column, text = a.text;
-  char* name_ptr = name.data();
-  char* text_ptr = text.data();
-  int number = a.number;
-  int v32 = static_cast<int>(a.value);
-  int64_t v64 = a.value;
-  char* exception = a.kind == Attribute::kInt
-                        ? qopci_add_col_metadata_int(nullptr, &name_ptr, &number, &v32)
-                    : a.kind == Attribute::kLng
-                        ? qopci_add_col_metadata_lng(nullptr, &name_ptr, &number, &v64)
-                        : qopci_add_col_metadata_str(nullptr, &name_ptr, &number, &text_ptr);
-  Status s = FromKernel(exception);
-  if (!s.ok())
-    return Status::Error("column " + column + ", attribute " + std::to_string(a.number) + ": " +
-                         s.message());
-  return s;
 }
 
 // A value of a signed type drawn from 64 random bits, never the type's nil (its minimum).
@@ -216,7 +172,7 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
       TargetInfo info;
       s = DescribeTarget(targets[k].id, &info);
       for (const Attribute& a : ColumnAttributes(manifest, c, info, false))
-        if (s.ok()) s = Register(c.name, a);
+        if (s.ok()) s = RegisterAttribute(c.name, a);
     }
     if (!s.ok()) return s;
 

@@ -11,59 +11,12 @@
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/manifest.h"
+#include "tools/session.h"
 #include "tools/result_data.h"
 
 namespace qopci {
 
 namespace {
-
-// Closes the farm (dropping anything uncommitted) and the client context on every path.
-class FarmSession {
- public:
-  FarmSession() = default;
-  ~FarmSession() {
-    if (context_ != nullptr) mvc_destroy(context_);
-    if (open_) CVDfarm_close();
-  }
-  FarmSession(const FarmSession&) = delete;
-  FarmSession& operator=(const FarmSession&) = delete;
-
-  Status Open(const std::string& dir) {
-    Status s = FromKernel(CVDfarm_open(dir.c_str(), 1));
-    open_ = s.ok();
-    if (s.ok()) context_ = mvc_create();
-    if (s.ok() && context_ == nullptr) return Status::Error("cannot create a client context");
-    return s;
-  }
-  mvc* context() const { return context_; }
-
- private:
-  bool open_ = false;
-  mvc* context_ = nullptr;
-};
-
-Status Register(const std::string& column, const Attribute& a) {
-  std::string name = column;
-  char* name_ptr = name.data();
-  int number = a.number;
-  char* exception = nullptr;
-  if (a.kind == Attribute::kInt) {
-    int v = static_cast<int>(a.value);
-    exception = qopci_add_col_metadata_int(nullptr, &name_ptr, &number, &v);
-  } else if (a.kind == Attribute::kLng) {
-    int64_t v = a.value;
-    exception = qopci_add_col_metadata_lng(nullptr, &name_ptr, &number, &v);
-  } else {
-    std::string text = a.text;
-    char* text_ptr = text.data();
-    exception = qopci_add_col_metadata_str(nullptr, &name_ptr, &number, &text_ptr);
-  }
-  Status s = FromKernel(exception);
-  if (!s.ok())
-    return Status::Error("column " + column + ", attribute " + std::to_string(a.number) + ": " +
-                         s.message());
-  return s;
-}
 
 void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets, uint64_t rows,
                   double seconds, std::ostream& out) {
@@ -119,7 +72,7 @@ Status RunCopy(const CopyOptions& options, std::ostream& out) {
     s = DescribeTarget(t.id, &info);
     if (!s.ok()) return s;
     for (const Attribute& a : ColumnAttributes(manifest, c, info, options.sync)) {
-      s = Register(c.name, a);
+      s = RegisterAttribute(c.name, a);
       if (!s.ok()) return s;
     }
   }
