@@ -349,6 +349,27 @@ TEST_F(MmfTest, FullDiskAtAnyCallLosesNothing) {
   }
   EXPECT_GT(failed, 0);
   EXPECT_GT(absorbed, 0);
+
+  // A scalar's span needs its blocks and its view: either failing fails the write and
+  // leaves no view behind.
+  int scalar_failed = 0;
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE(testing::Message() << "scalar, call " << nth);
+    MMFByteWriter w(path_, false);
+    ASSERT_TRUE(w.Open());
+    MMFInjectFailure(nth, ENOSPC);
+    errno = 0;
+    bool ok = w.WriteUInt32(5);
+    uint64_t calls = MMFSystemCallCount();
+    MMFInjectFailure(0);
+    if (ok && calls < static_cast<uint64_t>(nth)) break;
+    if (!ok) {
+      EXPECT_EQ(errno, ENOSPC);
+      EXPECT_EQ(w.GetMMF()->Data(), nullptr);
+      ++scalar_failed;
+    }
+  }
+  EXPECT_EQ(scalar_failed, 2);  // the reservation of the span and its mmap
 }
 
 // A real limit on the file size (RLIMIT_FSIZE, with SIGXFSZ ignored) fails the write that

@@ -148,7 +148,10 @@ bool MMF::MapLazily(uint64_t end, uint64_t offset) {
 bool MMF::CreateView() {
   int prot = view_access_ == kReadAccess ? PROT_READ : PROT_READ | PROT_WRITE;
   void* p = mmf_os::Mmap(view_length_, prot, fd_, static_cast<off_t>(view_offset_));
-  if (p == MAP_FAILED) return false;
+  if (p == MAP_FAILED) {
+    view_placed_ = false;  // as after a failed Map: no view until the next one
+    return false;
+  }
   view_base_ = static_cast<char*>(p);
   return true;
 }
@@ -212,6 +215,7 @@ bool MMF::Close() {
     if ((target != file_size_ || size_unsure_) &&
         mmf_os::Ftruncate(fd_, static_cast<off_t>(target)) == 0) {
       file_size_ = target;
+      size_unsure_ = false;
     }
     struct stat st;
     if (mmf_os::Fstat(fd_, &st) == 0) mapping_size_ = static_cast<uint64_t>(st.st_size);

@@ -54,8 +54,9 @@ class MMF {
   bool MapAll();
   // Map(end, offset), then the logical size becomes end. Returns true.
   bool MapAndSetSize(uint64_t end, uint64_t offset);
-  // The byte at the offset last given to Map, or null without a view (errno set when the
-  // view could not be created). Valid until the next Map or Close.
+  // The byte at the offset last given to Map, or null without a view (errno set when a
+  // lazily placed view could not be created; it is then gone until the next Map). Valid
+  // until the next Map or Close.
   char* Data();
 
   // Cuts or grows the file to size when size differs from the mapping size or from the size
@@ -89,7 +90,7 @@ class MMF {
   bool Grow(uint64_t size);
   // Reserves the blocks of [file_size_, size) and makes that the file's size.
   bool Reserve(uint64_t size);
-  // Creates the placed view. Returns false with errno set.
+  // Creates the placed view. Returns false with errno set, and no view is placed then.
   bool CreateView();
 
   uint32_t view_access_;
