@@ -2,9 +2,15 @@
 // new file of 256 MiB per iteration in the same directory (QOPCI_BENCH_DIR, default /tmp).
 // The file is removed between iterations, outside the timing. The writer's block-copy
 // strategies and early write-back are compared through MMFSetTuning.
+//
+// BM_WriteVsMMF is the one to quote: each iteration writes one file with write(2) and one
+// with the writer, in alternating order, so that both see the same load on a shared machine;
+// its "ratio" counter is the writer's bandwidth over write(2)'s. Run it with
+// --benchmark_repetitions=5 and read the medians.
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -54,6 +60,64 @@ void BM_MMFByteWriterWrite(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFileBytes));
 }
 
+// Writes kFileBytes in blocks of data into a new file at path with write(2); false on failure.
+bool PlainWriteFile(const std::string& path, const std::vector<char>& data) {
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) return false;
+  bool ok = true;
+  for (uint64_t done = 0; ok && done < kFileBytes; done += data.size()) {
+    ok = write(fd, data.data(), data.size()) == static_cast<ssize_t>(data.size());
+  }
+  return close(fd) == 0 && ok;
+}
+
+// The same through MMFByteWriter, including its Close (which cuts the file to size).
+bool MMFWriteFile(const std::string& path, const std::vector<char>& data) {
+  qopci::MMFByteWriter w(path, false);
+  bool ok = w.Open();
+  for (uint64_t done = 0; ok && done < kFileBytes; done += data.size()) {
+    ok = w.Write(data.data(), data.size());
+  }
+  return w.Close() && ok;
+}
+
+// Seconds taken by f(path, data); the file is removed afterwards, untimed.
+template <typename F>
+double TimedFile(F f, const std::string& path, const std::vector<char>& data, bool* ok) {
+  auto start = std::chrono::steady_clock::now();
+  *ok = f(path, data) && *ok;
+  std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  std::remove(path.c_str());
+  return took.count();
+}
+
+// Arg: block size. The reported time is the writer's; both bandwidths and their ratio are
+// counters.
+void BM_WriteVsMMF(benchmark::State& state) {
+  const std::vector<char> data = Block(static_cast<size_t>(state.range(0)));
+  const std::string path = BenchFile();
+  double plain = 0, mmf = 0;
+  bool ok = true;
+  int64_t n = 0;
+  for (auto _ : state) {
+    double m;
+    if (n++ % 2 == 0) {
+      plain += TimedFile(PlainWriteFile, path, data, &ok);
+      m = TimedFile(MMFWriteFile, path, data, &ok);
+    } else {
+      m = TimedFile(MMFWriteFile, path, data, &ok);
+      plain += TimedFile(PlainWriteFile, path, data, &ok);
+    }
+    mmf += m;
+    state.SetIterationTime(m);
+  }
+  if (!ok) state.SkipWithError("write failed");
+  const double bytes = static_cast<double>(n) * kFileBytes;
+  state.counters["write_GBps"] = bytes / plain / 1e9;
+  state.counters["mmf_GBps"] = bytes / mmf / 1e9;
+  state.counters["ratio"] = plain / mmf;
+}
+
 void BM_PlainWrite(benchmark::State& state) {
   const size_t block = static_cast<size_t>(state.range(0));
   const std::vector<char> data = Block(block);
@@ -85,6 +149,11 @@ void Strategies(benchmark::internal::Benchmark* b) {
       for (int64_t writeback : {0, 1}) b->Args({kib << 10, copy, writeback});
 }
 
+BENCHMARK(BM_WriteVsMMF)
+    ->ArgName("block")
+    ->Apply(BlockSizes)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime();
 BENCHMARK(BM_PlainWrite)->Apply(BlockSizes)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_MMFByteWriterWrite)
     ->ArgNames({"block", "copy", "writeback"})

@@ -1,6 +1,8 @@
 #include "writers/mmf/mmf.h"
 
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -276,6 +278,133 @@ TEST_F(MmfTest, InjectedFailureFailsWriteAndKeepsErrno) {
   uint32_t error = 0;
   EXPECT_FALSE(mmf.Open(&error));
   EXPECT_EQ(error, static_cast<uint32_t>(EACCES));
+}
+
+// Blocks reserve disk space ahead of the mapping, yet the mapping grows by the rule, each
+// block is visible through Data(), and Close leaves exactly the rule's size on disk.
+TEST_F(MmfTest, ReservationAheadNeverShowsAfterClose) {
+  struct Case {
+    const char* name;
+    bool scalar_last;  // the zero tail of a last scalar span stays
+    uint64_t want_size;
+  } cases[] = {{"blocks only", false, 8 * 300000}, {"scalar last", true, 8 * 300000 + 65536}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string want;
+    {
+      MMFByteWriter w(path_, false);
+      ASSERT_TRUE(w.Open());
+      for (int i = 0; i < 8; ++i) {
+        const std::string block = Pattern(300000, 'a' + i);
+        ASSERT_TRUE(w.Write(block.data(), block.size()));
+        want += block;
+        EXPECT_EQ(w.GetMappingSize(), want.size());
+        EXPECT_GE(DiskSize(), static_cast<int64_t>(want.size()));
+        ASSERT_NE(w.GetMMF()->Data(), nullptr);
+        EXPECT_EQ(std::string(w.GetMMF()->Data(), block.size()), block);
+      }
+      if (c.scalar_last) {
+        ASSERT_TRUE(w.WriteUInt8(9));
+        want += '\x09' + std::string(65535, '\0');
+      }
+      EXPECT_TRUE(w.Close());
+      EXPECT_EQ(w.GetMappingSize(), c.want_size);
+    }
+    EXPECT_EQ(DiskSize(), static_cast<int64_t>(c.want_size));
+    EXPECT_TRUE(Get() == want);
+  }
+}
+
+// A full disk at any system call of a run of growing block writes either fails that write
+// with ENOSPC or, when it hit only the reservation ahead, costs nothing; either way the file
+// holds exactly the blocks that were written.
+TEST_F(MmfTest, FullDiskAtAnyCallLosesNothing) {
+  int failed = 0, absorbed = 0;
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE(testing::Message() << "call " << nth);
+    std::string want;
+    bool failure_seen = false;
+    {
+      MMFByteWriter w(path_, false);
+      ASSERT_TRUE(w.Open());
+      MMFInjectFailure(nth, ENOSPC);
+      for (int i = 0; i < 12 && !failure_seen; ++i) {
+        const std::string block = Pattern(200000, 'a' + i);
+        errno = 0;
+        if (w.Write(block.data(), block.size())) {
+          want += block;
+        } else {
+          EXPECT_EQ(errno, ENOSPC);
+          failure_seen = true;
+        }
+      }
+      uint64_t calls = MMFSystemCallCount();
+      MMFInjectFailure(0);
+      if (!failure_seen && calls < static_cast<uint64_t>(nth)) break;  // every call tried
+      failure_seen ? ++failed : ++absorbed;
+      EXPECT_TRUE(w.Close());
+    }
+    EXPECT_EQ(DiskSize(), static_cast<int64_t>(want.size()));
+    EXPECT_TRUE(Get() == want);
+  }
+  EXPECT_GT(failed, 0);
+  EXPECT_GT(absorbed, 0);
+
+  // A scalar's span needs its blocks and its view: either failing fails the write and
+  // leaves no view behind.
+  int scalar_failed = 0;
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE(testing::Message() << "scalar, call " << nth);
+    MMFByteWriter w(path_, false);
+    ASSERT_TRUE(w.Open());
+    MMFInjectFailure(nth, ENOSPC);
+    errno = 0;
+    bool ok = w.WriteUInt32(5);
+    uint64_t calls = MMFSystemCallCount();
+    MMFInjectFailure(0);
+    if (ok && calls < static_cast<uint64_t>(nth)) break;
+    if (!ok) {
+      EXPECT_EQ(errno, ENOSPC);
+      EXPECT_EQ(w.GetMMF()->Data(), nullptr);
+      ++scalar_failed;
+    }
+  }
+  EXPECT_EQ(scalar_failed, 2);  // the reservation of the span and its mmap
+}
+
+// A real limit on the file size (RLIMIT_FSIZE, with SIGXFSZ ignored) fails the write that
+// would cross it with EFBIG, in a child process that must exit normally: no SIGBUS from a
+// mapped page without blocks behind it, whichever way the bytes travel.
+TEST_F(MmfTest, FileSizeLimitFailsTheWriteNotTheProcess) {
+  constexpr rlim_t kLimit = 1 << 20;
+  const std::string block = Pattern(300000, 'q');
+  const MMFBlockCopy copies[] = {MMFBlockCopy::kPwrite, MMFBlockCopy::kMemcpy};
+  for (MMFBlockCopy copy : copies) {
+    SCOPED_TRACE(static_cast<int>(copy));
+    std::remove(path_.c_str());
+    auto child = [&] {
+      signal(SIGXFSZ, SIG_IGN);
+      struct rlimit lim = {kLimit, kLimit};
+      setrlimit(RLIMIT_FSIZE, &lim);
+      MMFSetTuning({copy, false});
+      MMFByteWriter w(path_, false);
+      if (!w.Open()) _exit(10);
+      int blocks = 0;
+      while (w.Write(block.data(), block.size())) ++blocks;
+      int block_errno = errno;
+      int scalars = 0;
+      while (w.WriteUInt32(7)) ++scalars;
+      int scalar_errno = errno;
+      w.Close();
+      fprintf(stderr, "blocks %d errno %d scalars>0 %d errno %d size %lld\n", blocks, block_errno,
+              scalars > 0, scalar_errno, static_cast<long long>(DiskSize()));
+      _exit(0);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0),
+                "blocks 3 errno 27 scalars>0 1 errno 27 size 10[0-9]{5}\n");
+    EXPECT_LE(DiskSize(), static_cast<int64_t>(kLimit));
+    EXPECT_TRUE(Get().substr(0, 3 * block.size()) == block + block + block);
+  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "writers/mmf/mmf_fault.h"
@@ -28,6 +29,13 @@ int OpenFlags(uint32_t open_mode) {
     default:
       return -1;
   }
+}
+
+// Bytes reserved beyond a file of size bytes when it must grow: doubling small files,
+// then steps that keep the number of reservations low without holding much unused space.
+uint64_t ReserveAhead(uint64_t size) {
+  constexpr uint64_t kStep = 64ull << 20, kMaxStep = 1ull << 30;
+  return std::min({size, std::max(kStep, size / 8), kMaxStep});
 }
 
 }  // namespace
@@ -74,15 +82,14 @@ bool MMF::Open(uint32_t* error) {
 }
 
 void MMF::Unmap() {
+  view_placed_ = false;
   if (!view_base_) return;
   mmf_os::ErrnoKeeper keep;
   mmf_os::Munmap(view_base_, view_length_);
   view_base_ = nullptr;
-  view_length_ = 0;
 }
 
-bool MMF::Grow(uint64_t size) {
-  if (size <= file_size_) return true;
+bool MMF::Reserve(uint64_t size) {
   if (mmf_os::Fallocate(fd_, static_cast<off_t>(file_size_),
                         static_cast<off_t>(size - file_size_)) != 0) {
     return false;
@@ -91,7 +98,22 @@ bool MMF::Grow(uint64_t size) {
   return true;
 }
 
-void* MMF::Map(uint64_t end, uint64_t offset) {
+bool MMF::Grow(uint64_t size) {
+  if (size <= file_size_) return true;
+  // The blocks asked for come first and alone, so that a full disk fails here and nowhere
+  // else; the reservation ahead is a bonus whose failure costs nothing but later calls.
+  if (!Reserve(size)) return false;
+  if (view_access_ == kWriteAccess && reserve_ahead_) {
+    mmf_os::ErrnoKeeper keep;
+    if (!Reserve(size + ReserveAhead(size))) {
+      reserve_ahead_ = false;
+      size_unsure_ = true;
+    }
+  }
+  return true;
+}
+
+bool MMF::MapLazily(uint64_t end, uint64_t offset) {
   Unmap();
   // The mapping is made anew when the range reaches beyond it, and also when the range
   // spans more than one granule past offset: then with one granule to spare.
@@ -106,7 +128,7 @@ void* MMF::Map(uint64_t end, uint64_t offset) {
   }
   if (anew) {
     if (new_size - offset < granularity_) new_size = offset + granularity_;
-    if (!Grow(new_size)) return nullptr;
+    if (!Grow(new_size)) return false;
     mapping_size_ = new_size;
     has_mapping_ = true;
   }
@@ -114,15 +136,34 @@ void* MMF::Map(uint64_t end, uint64_t offset) {
   view_skew_ = offset - aligned;
   if (mapping_size_ <= aligned) {
     errno = EINVAL;
-    return nullptr;
+    return false;
   }
-  uint64_t length = mapping_size_ - aligned;
+  // The view reaches to the end of the mapping.
+  view_offset_ = aligned;
+  view_length_ = mapping_size_ - aligned;
+  view_placed_ = true;
+  return true;
+}
+
+bool MMF::CreateView() {
   int prot = view_access_ == kReadAccess ? PROT_READ : PROT_READ | PROT_WRITE;
-  void* p = mmf_os::Mmap(length, prot, fd_, static_cast<off_t>(aligned));
-  if (p == MAP_FAILED) return nullptr;
+  void* p = mmf_os::Mmap(view_length_, prot, fd_, static_cast<off_t>(view_offset_));
+  if (p == MAP_FAILED) {
+    view_placed_ = false;  // as after a failed Map: no view until the next one
+    return false;
+  }
   view_base_ = static_cast<char*>(p);
-  view_length_ = length;
-  return p;
+  return true;
+}
+
+void* MMF::Map(uint64_t end, uint64_t offset) {
+  if (!MapLazily(end, offset) || !CreateView()) return nullptr;
+  return view_base_;
+}
+
+char* MMF::Data() {
+  if (!view_base_ && (!view_placed_ || !CreateView())) return nullptr;
+  return view_base_ + view_skew_;
 }
 
 bool MMF::MapAll() {
@@ -138,19 +179,21 @@ bool MMF::MapAndSetSize(uint64_t end, uint64_t offset) {
 }
 
 void MMF::SetFileSize(uint64_t size) {
-  if (size == mapping_size_ || fd_ < 0) return;
+  if ((size == mapping_size_ && size == file_size_ && !size_unsure_) || fd_ < 0) return;
   mmf_os::ErrnoKeeper keep;
   // A mapped file cannot be cut below its mapping: pages beyond the end would fault.
   if (has_mapping_ && size < mapping_size_) return;
-  if (mmf_os::Ftruncate(fd_, static_cast<off_t>(size)) == 0) file_size_ = size;
+  if (mmf_os::Ftruncate(fd_, static_cast<off_t>(size)) == 0) {
+    file_size_ = size;
+    size_unsure_ = false;
+  }
 }
 
 bool MMF::Flush() {
   if (view_access_ == kReadAccess) return true;
-  if (view_base_ && MMFGetTuning().start_writeback) {
+  if (view_placed_ && MMFGetTuning().start_writeback) {
     mmf_os::ErrnoKeeper keep;
-    uint64_t start = mapping_size_ - view_length_;  // the view ends at the mapping's end
-    mmf_os::SyncRange(fd_, static_cast<off_t>(start), static_cast<off_t>(view_length_));
+    mmf_os::SyncRange(fd_, static_cast<off_t>(view_offset_), static_cast<off_t>(view_length_));
   }
   return true;
 }
@@ -168,8 +211,11 @@ bool MMF::Close() {
     uint64_t target = mapping_size_;
     if (view_access_ == kWriteAccess) target = logical_size_;
     if (view_access_ == kReadAccess) target = size_at_open_;
-    if (target != mapping_size_ && mmf_os::Ftruncate(fd_, static_cast<off_t>(target)) == 0) {
+    // Compared with the size on disk, which may hold blocks reserved ahead.
+    if ((target != file_size_ || size_unsure_) &&
+        mmf_os::Ftruncate(fd_, static_cast<off_t>(target)) == 0) {
       file_size_ = target;
+      size_unsure_ = false;
     }
     struct stat st;
     if (mmf_os::Fstat(fd_, &st) == 0) mapping_size_ = static_cast<uint64_t>(st.st_size);

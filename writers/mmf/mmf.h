@@ -4,6 +4,11 @@
 // range with Map, which grows the file (reserving its blocks) when the range reaches beyond
 // it. On Close, a file opened for writing is cut to its logical size, the number of bytes
 // that count as written, and a file opened for reading is cut back to its size at open.
+// While a file is open for writing, its size on disk may run ahead of the mapping size:
+// blocks are reserved ahead in growing steps (as much again as the file holds, up to 64 MiB,
+// or an eighth of a file over 512 MiB, up to 1 GiB) so that appending does not reserve
+// blocks on every write; Close gives that space back. The mapping never reaches past
+// blocks reserved for it, so a full disk is a failed Map, never a fault on a mapped page.
 // Failures are reported by false or null results with errno left as the failing call set
 // it; failures of unmap, truncate and close are ignored and never change errno.
 // Threading: an MMF is used by one thread at a time.
@@ -40,16 +45,22 @@ class MMF {
   // aligned base, not Data()) or null with errno set.
   // REQUIRES: Open succeeded and offset < end.
   virtual void* Map(uint64_t end, uint64_t offset);
+  // Map without creating the view yet: the mapping is remade and the file grown by the same
+  // rules, and the view is created by the first Data(). For writers that reach the bytes by
+  // other means most of the time. Returns false with errno set when the file could not grow.
+  // REQUIRES: Open succeeded and offset < end.
+  bool MapLazily(uint64_t end, uint64_t offset);
   // Maps the whole mapping and makes it the logical size. Returns true.
   bool MapAll();
   // Map(end, offset), then the logical size becomes end. Returns true.
   bool MapAndSetSize(uint64_t end, uint64_t offset);
-  // The byte at the offset last given to Map, or null without a view. Valid until the
-  // next Map or Close.
-  char* Data() const { return view_base_ ? view_base_ + view_skew_ : nullptr; }
+  // The byte at the offset last given to Map, or null without a view (errno set when a
+  // lazily placed view could not be created; it is then gone until the next Map). Valid
+  // until the next Map or Close.
+  char* Data();
 
-  // Cuts or grows the file to size when size differs from the mapping size. Failures are
-  // ignored.
+  // Cuts or grows the file to size when size differs from the mapping size or from the size
+  // on disk, but never below a mapping. Failures are ignored.
   void SetFileSize(uint64_t size);
   // Starts write-back of the view where tuned to (see mmf_fault.h). True in read access.
   bool Flush();
@@ -74,14 +85,21 @@ class MMF {
 
  private:
   void Unmap();
-  // Makes the file at least size bytes long, reserving the blocks.
+  // Makes the file at least size bytes long, reserving the blocks; in write access, also
+  // tries to reserve ahead (see above).
   bool Grow(uint64_t size);
+  // Reserves the blocks of [file_size_, size) and makes that the file's size.
+  bool Reserve(uint64_t size);
+  // Creates the placed view. Returns false with errno set, and no view is placed then.
+  bool CreateView();
 
   uint32_t view_access_;
   bool compressed_ = false;  // wanted file-system compression
   bool closed_ = false;
-  char* view_base_ = nullptr;  // aligned start of the view
-  uint64_t view_length_ = 0;   // bytes mapped at view_base_
+  bool view_placed_ = false;   // a view is placed, created or not yet
+  char* view_base_ = nullptr;  // start of the created view, or null
+  uint64_t view_offset_ = 0;   // aligned file offset of the placed view
+  uint64_t view_length_ = 0;   // bytes of the placed view
   uint64_t view_skew_ = 0;     // offset asked for minus the aligned start
   std::unique_ptr<char[]> file_name_;
   uint64_t logical_size_ = 0;  // bytes that count as written
@@ -90,7 +108,9 @@ class MMF {
   uint64_t requested_size_;
   uint32_t granularity_ = kGranularity;
   uint64_t mapping_size_ = 0;  // the file is at least this long
-  uint64_t file_size_ = 0;     // the file's size as this object left it
+  uint64_t file_size_ = 0;     // the file's size as this object left it; >= mapping_size_
+  bool reserve_ahead_ = true;  // cleared once a reservation ahead has failed
+  bool size_unsure_ = false;   // a failed reservation may have grown the file part way
   uint32_t open_mode_;
   int fd_ = -1;
   bool has_mapping_ = false;  // a mapping of mapping_size_ bytes exists

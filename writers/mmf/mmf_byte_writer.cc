@@ -11,7 +11,7 @@ namespace {
 constexpr uintptr_t kPageSize = 4096;
 
 // Copies length bytes to the file at offset through the page cache; view points at the
-// same bytes in the mapping, which shares the page cache with the file.
+// same bytes in the mapping, which shares the page cache with the file (null for kPwrite).
 bool CopyBlock(MMF* mmf, char* view, const void* data, uint64_t length, uint64_t offset) {
   switch (MMFGetTuning().block_copy) {
     case MMFBlockCopy::kPwrite: {
@@ -74,9 +74,12 @@ bool MMFByteWriter::Write(const void* data, uint64_t length) {
     return false;
   }
   uint64_t end = position_ + length;
-  mmf_->Map(end, position_);
-  span_ = mmf_->Data();
-  if (!span_) return false;
+  if (!mmf_->MapLazily(end, position_)) return false;
+  // pwrite reaches the bytes without the view, so the view is created only for the other
+  // strategies; MMF::Data still gives it on demand.
+  bool through_view = MMFGetTuning().block_copy != MMFBlockCopy::kPwrite;
+  span_ = through_view ? mmf_->Data() : nullptr;
+  if (through_view && !span_) return false;
   span_length_ = length;
   if (!CopyBlock(mmf_.get(), span_, data, length, position_)) return false;
   mmf_->SetLogicalSize(end);

@@ -1,9 +1,10 @@
 // MMFByteWriter: appends blocks and scalars at the end of a file through its mapping.
 //
-// Blocks are written through a view of exactly their own range and set the logical size to
-// their end; scalars go into a span of one granule that moves along the file, and each move
-// sets the logical size to the end of the new span, so a file whose last write was a scalar
-// keeps the zero bytes up to the end of that span when it is closed.
+// Blocks are written at a view of exactly their own range and set the logical size to
+// their end; the bytes travel by pwrite, so that view is created only when the MMF's Data
+// asks for it. Scalars go into a span of one granule that moves along the file, and each
+// move sets the logical size to the end of the new span, so a file whose last write was a
+// scalar keeps the zero bytes up to the end of that span when it is closed.
 // Failures return false with errno as the failing system call left it.
 // Threading: used by one thread at a time.
 #ifndef QOPCI_WRITERS_MMF_MMF_BYTE_WRITER_H_
