@@ -27,6 +27,7 @@ namespace qopci {
 namespace {
 
 constexpr size_t kErrorTextSize = 1024;
+constexpr uint64_t kItemsPerWorker = 8;  // throttled producers stay this far ahead, at most
 
 // The queue whose worker runs on this thread, so that a throttled insertion made from
 // inside an item never waits for the very worker that makes it.
@@ -252,7 +253,11 @@ bool ConcurrentQueue::InsertDataItem(BaseQItem* item, bool throttle) {
   Impl& q = *impl_;
   const bool wait_for_room = throttle && tls_worker_of != &q;
   // Asked outside the lock: an item may query the machine for its answer.
-  const uint64_t limit = wait_for_room ? std::max<uint64_t>(1, item->GetMaxPending()) : 0;
+  // The item's own bound, and no more than a few items per worker: a producer further
+  // ahead gains nothing but memory, and a short queue reuses the same buffers.
+  const uint64_t limit =
+      wait_for_room ? std::clamp<uint64_t>(item->GetMaxPending(), 1, kItemsPerWorker * q.threads.size())
+                    : 0;
   const void* key = item->OrderKey();
 
   std::unique_lock<std::mutex> lock(q.mu);
