@@ -19,6 +19,7 @@
 #ifndef QOPCI_CHUNKERS_CHUNKER_H_
 #define QOPCI_CHUNKERS_CHUNKER_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 
@@ -86,6 +87,27 @@ class Chunker : public ChunkerBase {
     }
   }
 
+  // UpdateStatistics over v[0..k) in order. Runs that keep the column strictly ascending
+  // (or, once it is only sorted, non-decreasing) are checked in one pass; they change the
+  // statistics exactly as value by value would.
+  void UpdateRunStatistics(const T* v, size_t k) {
+    size_t i = 0;
+    if (k == 0) return;
+    if (first_) UpdateStatistics(v[i++]);
+    if (!sorted_ || i == k) return;  // unsorted: the previous value no longer follows
+    bool holds = key_ ? v[i] > previous_ : v[i] >= previous_;
+    if (key_) {
+      for (size_t j = i + 1; j < k; j++) holds &= v[j] > v[j - 1];
+    } else {
+      for (size_t j = i + 1; j < k; j++) holds &= v[j] >= v[j - 1];
+    }
+    if (holds) {
+      if (key_) ascending_steps_ += static_cast<uint32_t>(k - i);
+      previous_ = v[k - 1];
+      return;
+    }
+    for (; i < k; i++) UpdateStatistics(v[i]);
+  }
   // Makes cast_ the conversion from the host type named type_name; throws when there is
   // none. Cheap to call only when type_name differs from cast_name_.
   void ResolveCast(const char* type_name);

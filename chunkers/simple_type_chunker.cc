@@ -67,13 +67,10 @@ size_t SimpleTypeChunker<T>::InsertRun(const void* src, const char* type_name, s
     Bits bits;
     std::memcpy(&bits, p, sizeof bits);
     T v;
-    if (bits == nil_bits) [[unlikely]]
-      v = stored_nil;
-    else
-      std::memcpy(&v, p, sizeof v);
-    this->UpdateStatistics(v);
-    out[i] = v;
+    std::memcpy(&v, p, sizeof v);
+    out[i] = bits == nil_bits ? stored_nil : v;
   }
+  this->UpdateRunStatistics(out, k);
   c->count_ += static_cast<int32_t>(k);
   c->size_ += k * sizeof(T);
   value_count_ += k;
