@@ -78,7 +78,7 @@ struct BenchRun {
 // Medians over the runs, and the process's peak memory.
 struct BenchSummary {
   uint64_t rows = 0;
-  std::string columns;  // the spec as given
+  std::string columns;  // the column list as given
   std::string mode;     // "queued" or "sync"
   std::vector<double> seconds;
   double rows_per_s = 0;

@@ -194,29 +194,6 @@ Status LoadManifest(const std::string& path, Manifest* out) {
   return ParseManifest(text.str(), out);
 }
 
-std::string EncodingName(const ManifestColumn& column) {
-  switch (column.encoding) {
-    case Encoding::kTinyint:
-      return "tinyint";
-    case Encoding::kSmallint:
-      return "smallint";
-    case Encoding::kInt:
-      return "int";
-    case Encoding::kBigint:
-      return "bigint";
-    case Encoding::kDouble:
-      return "double";
-    case Encoding::kDecimal:
-      return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) +
-             ")";
-    case Encoding::kTimestamp:
-      return "timestamp";
-    case Encoding::kRowid:
-      return "rowid";
-  }
-  return "?";
-}
-
 const char* SqlTypeName(Encoding encoding) {
   switch (encoding) {
     case Encoding::kTinyint:
@@ -237,6 +214,14 @@ const char* SqlTypeName(Encoding encoding) {
       return "oid";
   }
   return "?";
+}
+
+std::string EncodingName(const ManifestColumn& column) {
+  if (column.encoding == Encoding::kDecimal)
+    return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) +
+           ")";
+  if (column.encoding == Encoding::kRowid) return "rowid";
+  return SqlTypeName(column.encoding);
 }
 
 int ResultWidth(Encoding encoding) {
