@@ -1,6 +1,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -20,7 +21,7 @@
 namespace qopci {
 namespace {
 
-int g_destroyed = 0;
+std::atomic<int> g_destroyed{0};  // chunks of different writers die on different workers
 
 // A chunk that counts its destructions.
 template <typename T>
