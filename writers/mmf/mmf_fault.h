@@ -30,10 +30,13 @@ enum class MMFBlockCopy {
 };
 
 // Tuning of block writes; set by benchmarks to compare the strategies. The defaults are the
-// fastest measured: kPwrite and no early write-back.
+// fastest measured end to end: kPwrite, and write-back started as each block is written
+// (Flush), so that the host's commit finds the data already on its way to disk. Writing
+// alone is a little slower with it, but an export of 10M rows spends the same time
+// copying and its commit drops from ~0.1 s to ~0.003 s.
 struct MMFTuning {
   MMFBlockCopy block_copy = MMFBlockCopy::kPwrite;
-  bool start_writeback = false;  // start write-back of each written block at once
+  bool start_writeback = true;  // start write-back of each written block at once
 };
 void MMFSetTuning(const MMFTuning& tuning);
 MMFTuning MMFGetTuning();
