@@ -108,6 +108,25 @@ TEST_F(ExportTest, TimestampsAndRowIds) {
   EXPECT_EQ(Read<oid>("row_no"), (std::vector<oid>{1, 2, 3}));
 }
 
+TEST_F(ExportTest, StringSourcesParsedAsTimestampsWithAttribute50) {
+  const int ts_type = ATOMindex("timestamp");
+  bat text = 0;
+  ASSERT_EQ(CVDbat_create(TYPE_str, nullptr, 0, &text), nullptr);
+  for (const char* v : {"2013-01-01 00:00:00", "2024-02-29 23:59:59.999", "\200"})
+    ASSERT_EQ(CVDbat_append(text, v), nullptr);
+  bat target = Target("parsed", ts_type);
+  Common("parsed", target);
+  AttrInt("parsed", 0, 0);
+  AttrInt("parsed", 1, 3);
+  AttrInt("parsed", 3, 6);
+  AttrInt("parsed", 50, 1);
+  ASSERT_EQ(Export(Result({{"parsed", text}}, DenseOrder(3))), "");
+  Reopen();
+  EXPECT_EQ(Read<lng>("parsed"),
+            (std::vector<lng>{cvd_timestamp(cvd_date_days(2013, 1, 1), 0),
+                              cvd_timestamp(cvd_date_days(2024, 2, 29), 86399999), lng_nil}));
+}
+
 TEST_F(ExportTest, OrderBATDecidesTheRowOrder) {
   struct Case { std::vector<oid> order; std::vector<int> expected; };
   const std::vector<Case> cases = {{{2, 1, 0}, {30, 20, 10}}, {{1, 2, 0}, {20, 30, 10}}};
