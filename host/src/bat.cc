@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <thread>
 #include <vector>
 
 #include "corvid/exception.h"
@@ -236,41 +237,71 @@ char* AppendFixed(BAT* b, const void* value) {
 
 namespace {
 
-template <typename T>
-void ScanTyped(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
-  const T* v = reinterpret_cast<const T*>(b->theap.base);
-  const T nil = std::numeric_limits<T>::min();
+struct Scan {
   bool up = true, down = true, apart = true, none = true;
-  for (BUN i = 0; i < b->batCount; i++) {
-    none &= v[i] != nil;
-    if (i == 0) continue;
-    up &= v[i - 1] <= v[i];
-    down &= v[i - 1] >= v[i];
-    apart &= v[i - 1] != v[i];
+  bool plain = true;  // false: a value whose host order differs from the plain order
+};
+
+// Signed integers: nil is the smallest value, so the host's order is the plain order.
+template <typename T>
+Scan ScanRange(const T* v, BUN from, BUN to) {
+  const T nil = std::numeric_limits<T>::min();
+  Scan r;
+  for (BUN i = from; i < to; i++) {
+    r.none &= v[i] != nil;
+    if (i == from) continue;
+    r.up &= v[i - 1] <= v[i];
+    r.down &= v[i - 1] >= v[i];
+    r.apart &= v[i - 1] != v[i];
   }
-  *sorted = up;
-  *revsorted = down;
-  *distinct = apart;
-  *nonil = none;
+  return r;
 }
 
-// Doubles whose nil (-DBL_MAX) is the smallest value present: false, leaving the scan to
-// the generic path, when a NaN or -inf would make the plain order differ from the host's.
-bool ScanDoubles(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
-  const double* v = reinterpret_cast<const double*>(b->theap.base);
-  bool up = true, down = true, apart = true, none = true;
-  for (BUN i = 0; i < b->batCount; i++) {
-    if (std::isnan(v[i]) || v[i] < dbl_nil) return false;
-    none &= v[i] != dbl_nil;
-    if (i == 0) continue;
-    up &= v[i - 1] <= v[i];
-    down &= v[i - 1] >= v[i];
-    apart &= v[i - 1] != v[i];
+// Doubles: nil (-DBL_MAX) is the smallest value unless a NaN or -inf is present.
+Scan ScanRange(const double* v, BUN from, BUN to) {
+  Scan r;
+  for (BUN i = from; i < to; i++) {
+    if (std::isnan(v[i]) || v[i] < dbl_nil) {
+      r.plain = false;
+      return r;
+    }
+    r.none &= v[i] != dbl_nil;
+    if (i == from) continue;
+    r.up &= v[i - 1] <= v[i];
+    r.down &= v[i - 1] >= v[i];
+    r.apart &= v[i - 1] != v[i];
   }
-  *sorted = up;
-  *revsorted = down;
-  *distinct = apart;
-  *nonil = none;
+  return r;
+}
+
+// Columns this long are scanned in two halves at once; the halves are joined at the seam.
+constexpr BUN kParallelScanRows = BUN{1} << 20;
+
+// Scans the tail as T; false when the plain order does not hold for it.
+template <typename T>
+bool ScanTyped(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
+  const T* v = reinterpret_cast<const T*>(b->theap.base);
+  const BUN n = b->batCount;
+  Scan r;
+  if (n < kParallelScanRows) {
+    r = ScanRange(v, 0, n);
+  } else {
+    const BUN mid = n / 2;
+    Scan high;
+    std::thread helper([&] { high = ScanRange(v, mid, n); });
+    Scan low = ScanRange(v, 0, mid);
+    helper.join();
+    r.plain = low.plain && high.plain;
+    r.up = low.up && high.up && v[mid - 1] <= v[mid];
+    r.down = low.down && high.down && v[mid - 1] >= v[mid];
+    r.apart = low.apart && high.apart && v[mid - 1] != v[mid];
+    r.none = low.none && high.none;
+  }
+  if (!r.plain) return false;
+  *sorted = r.up;
+  *revsorted = r.down;
+  *distinct = r.apart;
+  *nonil = r.none;
   return true;
 }
 
@@ -287,7 +318,7 @@ bool ScanPlainTail(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, 
   const int t = b->ttype;
   if (!b->theap.base) return false;
   if (t == TYPE_dbl && b->twidth == sizeof(double))
-    return ScanDoubles(b, sorted, revsorted, distinct, nonil);
+    return ScanTyped<double>(b, sorted, revsorted, distinct, nonil);
   if (IsNarrowInteger(b)) {
     // Narrow values widen by sign extension and never reach the wide type's nil.
     switch (b->twidth) {
