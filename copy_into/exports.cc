@@ -88,13 +88,13 @@ QOPCI_EXPORT int qopci_export_result(mvc* context, int result_id, logger* lg, ch
     for (const auto& job : g_manager->jobs())
       reload.insert(reload.end(), job->rewritten.begin(), job->rewritten.end());
   }
-  *error = const_cast<char*>(g_manager->error());
+  if (error != nullptr) *error = const_cast<char*>(g_manager->error());
   qopci::FreeStringDuplicates();
   delete g_manager;
   g_manager = nullptr;
   if (ok) {
     qopci::ReloadBATs(reload);
-    *error = nullptr;
+    if (error != nullptr) *error = nullptr;
   }
   BBPunlock("qopci_export_result()");
   if (ok) GDKmemchk(0);
