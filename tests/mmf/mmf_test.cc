@@ -23,7 +23,7 @@ namespace qopci {
 namespace {
 
 class MmfTest : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
     char tmpl[] = "/tmp/mmf_test_XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -370,6 +370,70 @@ TEST_F(MmfTest, FullDiskAtAnyCallLosesNothing) {
     }
   }
   EXPECT_EQ(scalar_failed, 2);  // the reservation of the span and its mmap
+}
+
+// After any failed call the writer and the reader stay usable: the next write or seek
+// fails cleanly or works, and never touches a view that is gone. Each case fails each
+// call of its operation in turn.
+TEST_F(MmfTest, UsableAfterAFailure) {
+  const std::string block = Pattern(200000, 'a');
+  const std::string file = Pattern(300000, 'x');
+  struct Case {
+    const char* name;
+    // Sets up, fails the operation at system call nth (false when it did not fail), then
+    // tries what must still be safe.
+    std::function<bool(MmfTest*, int)> run;
+  };
+  const std::vector<Case> cases = {
+      {"scalar after a failed block write",
+       [&](MmfTest* t, int nth) {
+         MMFByteWriter w(t->path_, false);
+         EXPECT_TRUE(w.Open());
+         EXPECT_TRUE(w.WriteUInt8(1));
+         MMFInjectFailure(nth, ENOSPC);
+         bool failed = !w.Write(block.data(), block.size());
+         MMFInjectFailure(0);
+         if (failed) {
+           EXPECT_TRUE(w.WriteUInt8(2));
+         }
+         return failed;
+       }},
+      {"narrower scalar after a failed span move",
+       [&](MmfTest* t, int nth) {
+         MMFByteWriter w(t->path_, false);
+         EXPECT_TRUE(w.Open());
+         for (int i = 0; i < 16383; i++) EXPECT_TRUE(w.WriteUInt32(i));  // 4 bytes left
+         MMFInjectFailure(nth, ENOSPC);
+         bool failed = !w.WriteUInt32(7);
+         MMFInjectFailure(0);
+         if (failed) {
+           EXPECT_TRUE(w.WriteUInt8(3));
+         }
+         return failed;
+       }},
+      {"seek back after a failed span move",
+       [&](MmfTest* t, int nth) {
+         t->Put(file);
+         MMFByteReader r(t->path_);
+         EXPECT_TRUE(r.Open());
+         MMFInjectFailure(nth, ENOMEM);
+         bool failed = !r.Seek(100000);
+         MMFInjectFailure(0);
+         if (failed && r.Seek(10)) {
+           EXPECT_NE(r.Current(), nullptr);
+           if (r.Current() != nullptr) {
+             EXPECT_EQ(*r.Current(), file[10]);
+           }
+         }
+         return failed;
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    int failures = 0;
+    for (int nth = 1; nth <= 6; nth++) failures += c.run(this, nth) ? 1 : 0;
+    EXPECT_GT(failures, 0);
+  }
 }
 
 // A real limit on the file size (RLIMIT_FSIZE, with SIGXFSZ ignored) fails the write that

@@ -92,6 +92,7 @@ void MMF::Unmap() {
 bool MMF::Reserve(uint64_t size) {
   if (mmf_os::Fallocate(fd_, static_cast<off_t>(file_size_),
                         static_cast<off_t>(size - file_size_)) != 0) {
+    size_unsure_ = true;  // a reservation that failed part way may have grown the file
     return false;
   }
   file_size_ = size;
@@ -105,10 +106,10 @@ bool MMF::Grow(uint64_t size) {
   if (!Reserve(size)) return false;
   if (view_access_ == kWriteAccess && reserve_ahead_) {
     mmf_os::ErrnoKeeper keep;
-    if (!Reserve(size + ReserveAhead(size))) {
+    if (Reserve(size + ReserveAhead(size)))
+      reserved_ahead_ = true;
+    else
       reserve_ahead_ = false;
-      size_unsure_ = true;
-    }
   }
   return true;
 }
@@ -183,6 +184,11 @@ void MMF::SetFileSize(uint64_t size) {
   mmf_os::ErrnoKeeper keep;
   // A mapped file cannot be cut below its mapping: pages beyond the end would fault.
   if (has_mapping_ && size < mapping_size_) return;
+  // Growing reserves the blocks, so that a mapping over them can never fault.
+  if (size > file_size_) {
+    if (Reserve(size)) size_unsure_ = false;
+    return;
+  }
   if (mmf_os::Ftruncate(fd_, static_cast<off_t>(size)) == 0) {
     file_size_ = size;
     size_unsure_ = false;
@@ -208,12 +214,20 @@ bool MMF::Close() {
   has_mapping_ = false;
   {
     mmf_os::ErrnoKeeper keep;
-    uint64_t target = mapping_size_;
-    if (view_access_ == kWriteAccess) target = logical_size_;
-    if (view_access_ == kReadAccess) target = size_at_open_;
-    // Compared with the size on disk, which may hold blocks reserved ahead.
-    if ((target != file_size_ || size_unsure_) &&
-        mmf_os::Ftruncate(fd_, static_cast<off_t>(target)) == 0) {
+    // Write access cuts the file to its logical size, read access back to its size at
+    // open, when that differs from the mapping size; blocks reserved ahead of the mapping
+    // and a size left unsure by a failed reservation are always given back. Other access
+    // values keep the file as it is.
+    uint64_t target = file_size_;
+    bool cut = size_unsure_;
+    if (view_access_ == kWriteAccess) {
+      target = logical_size_;
+      cut = cut || target != mapping_size_ || reserved_ahead_;
+    } else if (view_access_ == kReadAccess) {
+      target = size_at_open_;
+      cut = cut || target != mapping_size_;
+    }
+    if (cut && mmf_os::Ftruncate(fd_, static_cast<off_t>(target)) == 0) {
       file_size_ = target;
       size_unsure_ = false;
     }

@@ -110,6 +110,7 @@ class MMF {
   uint64_t mapping_size_ = 0;  // the file is at least this long
   uint64_t file_size_ = 0;     // the file's size as this object left it; >= mapping_size_
   bool reserve_ahead_ = true;  // cleared once a reservation ahead has failed
+  bool reserved_ahead_ = false;  // blocks beyond the mapping were reserved: Close cuts them
   bool size_unsure_ = false;   // a failed reservation may have grown the file part way
   uint32_t open_mode_;
   int fd_ = -1;

