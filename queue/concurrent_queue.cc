@@ -255,15 +255,15 @@ bool ConcurrentQueue::InsertDataItem(BaseQItem* item, bool throttle) {
   // Asked outside the lock: an item may query the machine for its answer.
   // The item's own bound, and no more than a few items per worker: a producer further
   // ahead gains nothing but memory, and a short queue reuses the same buffers.
-  const uint64_t limit =
-      wait_for_room ? std::clamp<uint64_t>(item->GetMaxPending(), 1, kItemsPerWorker * q.threads.size())
-                    : 0;
+  const uint64_t cap = std::max<uint64_t>(1, kItemsPerWorker * q.threads.size());
+  const uint64_t limit = wait_for_room ? std::clamp<uint64_t>(item->GetMaxPending(), 1, cap) : 0;
   const void* key = item->OrderKey();
 
   std::unique_lock<std::mutex> lock(q.mu);
   if (wait_for_room) {
     q.bound = limit;
-    while (q.pending >= q.bound && !q.stopping) {
+    // Without workers nothing would ever make room: the item is refused below instead.
+    while (q.pending >= q.bound && !q.stopping && !q.threads.empty()) {
       ++q.space_waiters;
       q.space_cv.wait(lock);
       --q.space_waiters;
