@@ -23,10 +23,15 @@ constexpr const char* HostTypeName() {
   return "str";
 }
 
-// Float to integer: toward zero, through int64_t so that no value is out of range.
+// Float to integer: toward zero, through int64_t so that no value is out of range;
+// unsigned 64-bit targets take non-negative values below 2^64 directly.
 template <typename T, typename F>
 T FloatToInteger(F f) {
   if (f != f) return 0;
+  if constexpr (std::is_same_v<T, uint64_t>) {
+    if (f >= static_cast<F>(18446744073709551616.0)) return UINT64_MAX;
+    if (f >= 0) return static_cast<uint64_t>(f);
+  }
   if (f >= static_cast<F>(9223372036854775808.0)) return static_cast<T>(INT64_MAX);
   if (f < static_cast<F>(-9223372036854775808.0)) return static_cast<T>(INT64_MIN);
   return static_cast<T>(static_cast<int64_t>(f));
@@ -118,7 +123,8 @@ void Chunker<T>::FillCastTable(TypeIndexFn type_index) {
     };
     for (const char* name : {"bit", "chr", "bte"}) put_read(name, static_cast<int8_t*>(nullptr));
     put_read("sht", static_cast<int16_t*>(nullptr));
-    for (const char* name : {"int", "BAT", "daytime", "date"})
+    // "BAT" as the type has always been named here, "bat" as this host names it.
+    for (const char* name : {"int", "BAT", "bat", "daytime", "date"})
       put_read(name, static_cast<int32_t*>(nullptr));
     put_read("oid", static_cast<uint32_t*>(nullptr));
     for (const char* name : {"wrd", "lng", "timestamp"})

@@ -94,7 +94,11 @@ class Chunker : public ChunkerBase {
     size_t i = 0;
     if (k == 0) return;
     if (first_) UpdateStatistics(v[i++]);
-    if (!sorted_ || i == k) return;  // unsorted: the previous value no longer follows
+    if (i == k || (!sorted_ && !key_)) return;  // nothing left that values could change
+    if (!sorted_) {  // the key flag alone (only after ClearSorted): value by value
+      for (; i < k; i++) UpdateStatistics(v[i]);
+      return;
+    }
     bool holds = key_ ? v[i] > previous_ : v[i] >= previous_;
     if (key_) {
       for (size_t j = i + 1; j < k; j++) holds &= v[j] > v[j - 1];

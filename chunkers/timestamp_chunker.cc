@@ -21,18 +21,13 @@ bool TimestampChunker::InsertVal(int64_t value) {
 bool TimestampChunker::InsertDateTime(int year, int month, int day, int hour, int minute,
                                       int second, int millisecond) {
   const int32_t days = cvd_date_days(year, month, day);
-  const bool valid_time = hour >= 0 && hour <= 23 && minute >= 0 && minute <= 59 && second >= 0 &&
-                          second <= 59 && millisecond >= 0 && millisecond <= 999;
-  const int32_t msecs =
-      valid_time ? ((hour * 60 + minute) * 60 + second) * 1000 + millisecond : CVD_MSEC_NIL;
-  int64_t ts;
-  if (days == CVD_DAY_NIL && msecs < 0) {
-    // Both halves nil: the sum wraps below INT64_MIN, so form it in unsigned arithmetic.
-    ts = static_cast<int64_t>((uint64_t{0x80000000u} << 32) +
-                              static_cast<uint64_t>(static_cast<int64_t>(msecs)));
-  } else {
-    ts = cvd_timestamp(days, msecs);
-  }
+  // Only the upper bounds make a time invalid; a negative part goes into the arithmetic.
+  const bool valid_time = hour <= 23 && minute <= 59 && second <= 59 && millisecond <= 999;
+  // Computed wide and cut to 32 bits, as 32-bit arithmetic wraps, so that no input overflows.
+  const int64_t time = ((int64_t{hour} * 60 + minute) * 60 + second) * 1000 + millisecond;
+  const int32_t msecs = valid_time ? static_cast<int32_t>(static_cast<uint32_t>(time))
+                                   : CVD_MSEC_NIL;
+  const int64_t ts = cvd_timestamp(days, msecs);
   return InsertVal(ts);
 }
 

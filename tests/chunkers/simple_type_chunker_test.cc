@@ -139,6 +139,8 @@ TEST(SimpleTypeChunkerTest, CastsFromEverySourceType) {
       {"dbl", "flt", Bytes<float>(0.5f), "0.500000"},
       {"int", "dbl", Bytes<double>(2.9), "2"},
       {"int", "dbl", Bytes<double>(-2.9), "-2"},
+      {"ulng", "dbl", Bytes<double>(1e19), "10000000000000000000"},  // beyond int64, fits
+      {"int", "bat", Bytes<int32_t>(12), "12"},
       {"chr", "dbl", Bytes<double>(300.7), "44"},
       {"lng", "dbl", Bytes<double>(1e30), "9223372036854775807"},
       {"lng", "dbl", Bytes<double>(-1e30), "-9223372036854775808"},
