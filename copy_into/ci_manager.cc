@@ -237,9 +237,11 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
     jobs_.push_back(std::make_unique<ColumnJob>(
         this, column != nullptr ? column->name : entry.first.c_str(), nullptr, nullptr));
     ColumnJob& job = *jobs_.back();
+    // All three are built whatever the one before gave: each records its own lookup
+    // failures, and the last one recorded is the text the host sees.
     reader.reset(CreateReader(*this, entry, column, data, order));
-    if (reader) job.chunker = CreateChunker(*this, entry);
-    if (job.chunker != nullptr) job.writer = CreateWriter(*this, entry);
+    job.chunker = CreateChunker(*this, entry);
+    job.writer = CreateWriter(*this, entry);
     ChunkerBase* chunker = job.chunker;
     BATWriter* writer = job.writer;
     if (error_ == nullptr && writer != nullptr) {
@@ -264,7 +266,7 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
       }
     }
     if (writer != nullptr) writer->Open();
-    if (error_ == nullptr && chunker != nullptr && writer != nullptr)
+    if (error_ == nullptr && reader && chunker != nullptr && writer != nullptr)
       FeedColumn(*reader, *chunker, *writer);
   } catch (const char* text) {
     Report("CIManager::CopyIntoOneColumn", text);

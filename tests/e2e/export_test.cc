@@ -192,8 +192,10 @@ TEST_F(ExportTest, ErrorsAreReportedAndTheFirstWins) {
     std::string error;
   };
   const std::vector<Case> cases = {
-      {"missing attribute", [](ExportTest* t, bat b) { t->Common("x", b); t->AttrInt("x", 0, 0); t->AttrInt("x", 1, 0); },
+      {"missing attribute", [](ExportTest* t, bat b) { t->Common("x", b); t->AttrInt("x", 0, 0); t->AttrInt("x", 1, 0); t->AttrInt("x", 4, 0); },
        "GET_COL_ATTR : Column attribute 3 not found at line 632"},
+      {"later lookups overwrite", [](ExportTest* t, bat b) { t->Common("x", b); t->AttrInt("x", 0, 0); t->AttrInt("x", 1, 0); },
+       "GET_COL_ATTR : Column attribute 4 not found at line 847"},
       {"mis-sized attribute", [](ExportTest* t, bat b) { t->Fixed("x", b, 0); t->AttrLng("x", 2, 5); },
        "GET_COL_ATTR : Value size mismatch at line 633"},
       {"unknown chunker kind", [](ExportTest* t, bat b) { t->Fixed("x", b, 0); t->AttrInt("x", 0, 5); },
