@@ -63,6 +63,23 @@ ChunkerBase* MakeDecimalChunker(CIManager& m, CIManager::ColumnEntry& e) {
 
 // ---- Writers -------------------------------------------------------------------------
 
+// The fixed-width writer of a simple type code, or the "Simple Type Writer not supported"
+// exception for a code of 9 or more.
+BATWriter* NewSimpleTypeWriter(int code, const char* file, bool keep, uint64_t existing) {
+  switch (static_cast<unsigned>(code)) {
+    case 0: return new SimpleTypeBATWriter<int>(file, keep, existing);
+    case 1: return new SimpleTypeBATWriter<unsigned int>(file, keep, existing);
+    case 2: return new SimpleTypeBATWriter<char>(file, keep, existing);
+    case 3: return new SimpleTypeBATWriter<unsigned char>(file, keep, existing);
+    case 4: return new SimpleTypeBATWriter<short>(file, keep, existing);
+    case 5: return new SimpleTypeBATWriter<unsigned short>(file, keep, existing);
+    case 6: return new SimpleTypeBATWriter<int64_t>(file, keep, existing);
+    case 7: return new SimpleTypeBATWriter<uint64_t>(file, keep, existing);
+    case 8: return new SimpleTypeBATWriter<double>(file, keep, existing);
+    default: throw "Simple Type Writer not supported";
+  }
+}
+
 BATWriter* MakeSimpleTypeWriter(CIManager& m, CIManager::ColumnEntry& e) {
   const char* file;
   int keep, code;
@@ -70,20 +87,7 @@ BATWriter* MakeSimpleTypeWriter(CIManager& m, CIManager::ColumnEntry& e) {
   if (!m.GetAttrStr(e.second, 5, 844, &file) || !m.GetAttrInt(e.second, 6, 845, &keep) ||
       !m.GetAttrLng(e.second, 38, 846, &existing) || !m.GetAttrInt(e.second, 4, 847, &code))
     return nullptr;
-  const bool k = keep != 0;
-  const uint64_t n = static_cast<uint64_t>(existing);
-  switch (static_cast<unsigned>(code)) {
-    case 0: return new SimpleTypeBATWriter<int>(file, k, n);
-    case 1: return new SimpleTypeBATWriter<unsigned int>(file, k, n);
-    case 2: return new SimpleTypeBATWriter<char>(file, k, n);
-    case 3: return new SimpleTypeBATWriter<unsigned char>(file, k, n);
-    case 4: return new SimpleTypeBATWriter<short>(file, k, n);
-    case 5: return new SimpleTypeBATWriter<unsigned short>(file, k, n);
-    case 6: return new SimpleTypeBATWriter<int64_t>(file, k, n);
-    case 7: return new SimpleTypeBATWriter<uint64_t>(file, k, n);
-    case 8: return new SimpleTypeBATWriter<double>(file, k, n);
-    default: throw "Simple Type Writer not supported";
-  }
+  return NewSimpleTypeWriter(code, file, keep != 0, static_cast<uint64_t>(existing));
 }
 
 // Timestamps and other 64-bit columns.
@@ -94,7 +98,7 @@ BATWriter* MakeLngWriter(CIManager& m, CIManager::ColumnEntry& e) {
   if (!m.GetAttrStr(e.second, 5, 969, &file) || !m.GetAttrInt(e.second, 6, 970, &keep) ||
       !m.GetAttrLng(e.second, 38, 971, &existing))
     return nullptr;
-  return new SimpleTypeBATWriter<int64_t>(file, keep != 0, static_cast<uint64_t>(existing));
+  return NewSimpleTypeWriter(6, file, keep != 0, static_cast<uint64_t>(existing));
 }
 
 // Decimals are stored as integers of the narrowest width that holds the precision.
@@ -110,12 +114,8 @@ BATWriter* MakeDecimalWriter(CIManager& m, CIManager::ColumnEntry& e) {
   if (scale > precision) throw "Scale should be <= precision.";
   // The limit is tested on the scale: a larger precision with a small scale gets 8 bytes.
   if (scale > 18) throw "Precision over 18 not supported.";
-  const bool k = keep != 0;
-  const uint64_t n = static_cast<uint64_t>(existing);
-  if (precision <= 2) return new SimpleTypeBATWriter<char>(file, k, n);
-  if (precision <= 4) return new SimpleTypeBATWriter<short>(file, k, n);
-  if (precision <= 9) return new SimpleTypeBATWriter<int>(file, k, n);
-  return new SimpleTypeBATWriter<int64_t>(file, k, n);
+  const int code = precision <= 2 ? 2 : precision <= 4 ? 4 : precision <= 9 ? 0 : 6;
+  return NewSimpleTypeWriter(code, file, keep != 0, static_cast<uint64_t>(existing));
 }
 
 // ---- Readers -------------------------------------------------------------------------
@@ -135,6 +135,16 @@ InternalReader* MakeRowIdReader(CIManager&, CIManager::ColumnEntry&, res_col*, B
   return new RowIdInternalReader(order != nullptr ? static_cast<uint32_t>(order->batCount) : 1);
 }
 
+// The construction of `kind` in a table, or null after reporting "<what> kind N not
+// supported" (out of range, or no class in this version).
+template <typename Maker, int N>
+Maker FindMaker(CIManager& m, Maker (&table)[N], int kind, const char* place,
+                const char* what) {
+  if (kind >= 0 && kind < N && table[kind] != nullptr) return table[kind];
+  m.ReportDetail(place, "%s kind %d not supported", what, kind);
+  return nullptr;
+}
+
 }  // namespace
 
 void FillFactoryTables() {
@@ -152,11 +162,9 @@ ChunkerBase* CreateChunker(CIManager& m, CIManager::ColumnEntry& e) {
   if (!m.GetAttrInt(e.second, 0, 532, &kind) || !m.GetAttrInt(e.second, 33, 533, &source) ||
       !m.GetAttrInt(e.second, 50, 534, &to_timestamp))
     return nullptr;
-  if (kind < 0 || kind >= kChunkerKinds || g_chunkers[kind] == nullptr) {
-    m.ReportDetail("ChunkerFactory", "Chunker kind %d not supported", kind);
-    return nullptr;
-  }
-  ChunkerBase* c = g_chunkers[kind](m, e);
+  ChunkerMaker make = FindMaker(m, g_chunkers, kind, "ChunkerFactory", "Chunker");
+  if (make == nullptr) return nullptr;
+  ChunkerBase* c = make(m, e);
   if (c != nullptr)
     c->InitCastTable(ATOMindex, ATOMformat,
                      to_timestamp != 0 ? ATOMstrConvertToTimeStamp : ATOMstrConvert, GDKfree);
@@ -168,11 +176,9 @@ BATWriter* CreateWriter(CIManager& m, CIManager::ColumnEntry& e) {
   if (!m.GetAttrInt(e.second, 1, 552, &kind) || !m.GetAttrInt(e.second, 34, 553, &queued) ||
       !m.GetAttrInt(e.second, 36, 554, &option))
     return nullptr;
-  if (kind < 0 || kind >= kWriterKinds || g_writers[kind] == nullptr) {
-    m.ReportDetail("WriterFactory", "Writer kind %d not supported", kind);
-    return nullptr;
-  }
-  BATWriter* w = g_writers[kind](m, e);
+  WriterMaker make = FindMaker(m, g_writers, kind, "WriterFactory", "Writer");
+  if (make == nullptr) return nullptr;
+  BATWriter* w = make(m, e);
   if (w == nullptr) return nullptr;
   w->SetCompressed(option != 0);
   if (queued != 0) w->SetQueue(m.queue());
@@ -183,11 +189,8 @@ InternalReader* CreateReader(CIManager& m, CIManager::ColumnEntry& e, res_col* c
                              BAT* data, BAT* order) {
   int kind;
   if (!m.GetAttrInt(e.second, 33, 568, &kind)) return nullptr;
-  if (kind < 0 || kind >= kReaderKinds || g_readers[kind] == nullptr) {
-    m.ReportDetail("ReaderFactory", "Reader kind %d not supported", kind);
-    return nullptr;
-  }
-  return g_readers[kind](m, e, column, data, order);
+  ReaderMaker make = FindMaker(m, g_readers, kind, "ReaderFactory", "Reader");
+  return make != nullptr ? make(m, e, column, data, order) : nullptr;
 }
 
 }  // namespace qopci
