@@ -170,6 +170,14 @@ int CIManager::FindBATByFileName(const char* file_name) {
   return i;
 }
 
+BAT* CIManager::FindWriterBAT(const char* place, BATWriter* writer, bat* id) {
+  *id = FindBATByFileName(writer->GetFileName());
+  BAT* b = *id >= 1 ? BBPgetdesc(*id) : nullptr;
+  if (b == nullptr)
+    ReportDetail(place, "Didn't find matching BAT for file %s", writer->GetFileName());
+  return b;
+}
+
 bool CIManager::ExecuteCopyInto(mvc* context, int result_id) {
   res_table* table = context->results;
   while (table != nullptr && table->id != result_id) table = table->next;
@@ -249,16 +257,12 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
       writer->RegisterIn(files);
       for (BATWriter* w : files) {
         if (error_ != nullptr) break;
-        int idx = FindBATByFileName(w->GetFileName());
-        if (idx < 1) {
-          ReportDetail("CIManager::CopyIntoOneColumn", "Didn't find matching BAT for file %s",
-                       w->GetFileName());
-          break;
-        }
-        BAT* target = BBPgetdesc(idx);
+        bat idx;
+        BAT* target = FindWriterBAT("CIManager::CopyIntoOneColumn", w, &idx);
+        if (target == nullptr) break;
         bat own = data != nullptr ? data->batCacheid : 0;
         bat own_parent = data != nullptr && data->batParent != 0 ? data->batParent : own;
-        if (target != nullptr && idx != own && idx != own_parent) {
+        if (idx != own && idx != own_parent) {
           if (target->theap.base != nullptr) BATfree(target);
           BBPuncacheit(idx, 0);
           BBPreleaseref(idx);
@@ -356,16 +360,9 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
   for (BATWriter* w : writers) {
     ChunkerBase* d = *desc++;
     if (error_ != nullptr) break;
-    int idx = FindBATByFileName(w->GetFileName());
-    if (idx < 1) {
-      ReportDetail("UpdateBBPWithGo", "Didn't find matching BAT for file %s", w->GetFileName());
-      break;
-    }
-    BAT* b = BBPgetdesc(idx);
-    if (b == nullptr) {
-      ReportDetail("UpdateBBPWithGo", "Didn't find matching BAT for file %s", w->GetFileName());
-      break;
-    }
+    bat idx;
+    BAT* b = FindWriterBAT("UpdateBBPWithGo", w, &idx);
+    if (b == nullptr) break;
     int width;
     if (b->ttype == TYPE_str) {
       width = 8;

@@ -111,6 +111,9 @@ class CIManager {
   // buffer pool has always answered, a name that matches nothing yields BBPsize() - 1, the
   // last entry; only a result below 1 (an empty pool) means not found.
   static int FindBATByFileName(const char* file_name);
+  // The descriptor of the BBP entry of a writer's file (its id in *id), or null after
+  // reporting "Didn't find matching BAT for file %s" at `place`.
+  BAT* FindWriterBAT(const char* place, BATWriter* writer, bat* id);
 
  private:
   // Where the current column's name is read from for reports.

@@ -151,6 +151,13 @@ uint64_t PeakRss() {
   return static_cast<uint64_t>(ru.ru_maxrss) * 1024;  // ru_maxrss is in KiB on Linux
 }
 
+// Bytes of the synthetic result: rows times the widths of its columns.
+uint64_t ResultBytes(const ResultData& data) {
+  uint64_t width = 0;
+  for (const ResultColumn& c : data.columns) width += static_cast<uint64_t>(c.width);
+  return width * data.rows;
+}
+
 // Every timed phase, the export and each baseline alike, starts from the same state:
 // what earlier phases wrote is flushed, the page cache is dropped when the process may do
 // so (root), and `warm` bytes of memory are touched and given back. The 2-core virtual
@@ -182,9 +189,7 @@ void Settle(uint64_t warm) {
 Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path& run_dir,
                BenchRun* run) {
   const Manifest& manifest = cols.manifest;
-  uint64_t width = 0;
-  for (const ResultColumn& c : data.columns) width += static_cast<uint64_t>(c.width);
-  const uint64_t warm = std::max<uint64_t>(uint64_t{1} << 30, 3 * width * data.rows);
+  const uint64_t warm = std::max<uint64_t>(uint64_t{1} << 30, 3 * ResultBytes(data));
   std::error_code ec;
   fs::remove_all(run_dir, ec);
   if (!ec) fs::create_directories(run_dir, ec);
@@ -423,9 +428,7 @@ Status RunBench(const BenchOptions& o, std::ostream& out, std::ostream& log) {
   sum.columns = o.columns;
   sum.mode = mode;
   sum.peak_rss_bytes = PeakRss();
-  uint64_t width = 0;
-  for (const ResultColumn& c : data.columns) width += static_cast<uint64_t>(c.width);
-  sum.result_bytes = width * o.rows;
+  sum.result_bytes = ResultBytes(data);
   std::snprintf(line, sizeof line,
                 "median of %d: %s  export %s  baseline write() %s  write()+fsync %s  ratio %.3f  "
                 "commit %.3f s of which fsync %.3f s\n",
