@@ -279,17 +279,17 @@ constexpr BUN kParallelScanRows = BUN{1} << 20;
 
 // Scans the tail as T; false when the plain order does not hold for it.
 template <typename T>
-bool ScanTyped(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
+bool ScanTyped(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted, bool* distinct,
+               bool* nonil) {
   const T* v = reinterpret_cast<const T*>(b->theap.base);
-  const BUN n = b->batCount;
   Scan r;
-  if (n < kParallelScanRows) {
-    r = ScanRange(v, 0, n);
+  if (to - from < kParallelScanRows) {
+    r = ScanRange(v, from, to);
   } else {
-    const BUN mid = n / 2;
+    const BUN mid = from + (to - from) / 2;
     Scan high;
-    std::thread helper([&] { high = ScanRange(v, mid, n); });
-    Scan low = ScanRange(v, 0, mid);
+    std::thread helper([&] { high = ScanRange(v, mid, to); });
+    Scan low = ScanRange(v, from, mid);
     helper.join();
     r.plain = low.plain && high.plain;
     r.up = low.up && high.up && v[mid - 1] <= v[mid];
@@ -314,17 +314,18 @@ bool NilIsMin(int type) {
 
 }  // namespace
 
-bool ScanPlainTail(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil) {
+bool ScanPlainTail(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted,
+                   bool* distinct, bool* nonil) {
   const int t = b->ttype;
   if (!b->theap.base) return false;
   if (t == TYPE_dbl && b->twidth == sizeof(double))
-    return ScanTyped<double>(b, sorted, revsorted, distinct, nonil);
+    return ScanTyped<double>(b, from, to, sorted, revsorted, distinct, nonil);
   if (IsNarrowInteger(b)) {
     // Narrow values widen by sign extension and never reach the wide type's nil.
     switch (b->twidth) {
-      case 1: ScanTyped<int8_t>(b, sorted, revsorted, distinct, nonil); break;
-      case 2: ScanTyped<int16_t>(b, sorted, revsorted, distinct, nonil); break;
-      default: ScanTyped<int32_t>(b, sorted, revsorted, distinct, nonil); break;
+      case 1: ScanTyped<int8_t>(b, from, to, sorted, revsorted, distinct, nonil); break;
+      case 2: ScanTyped<int16_t>(b, from, to, sorted, revsorted, distinct, nonil); break;
+      default: ScanTyped<int32_t>(b, from, to, sorted, revsorted, distinct, nonil); break;
     }
     *nonil = true;
     return true;
@@ -335,22 +336,45 @@ bool ScanPlainTail(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, 
   switch (b->twidth) {
     case 1:
       if (!NilIsMin<int8_t>(t)) return false;
-      ScanTyped<int8_t>(b, sorted, revsorted, distinct, nonil);
+      ScanTyped<int8_t>(b, from, to, sorted, revsorted, distinct, nonil);
       return true;
     case 2:
       if (!NilIsMin<int16_t>(t)) return false;
-      ScanTyped<int16_t>(b, sorted, revsorted, distinct, nonil);
+      ScanTyped<int16_t>(b, from, to, sorted, revsorted, distinct, nonil);
       return true;
     case 4:
       if (!NilIsMin<int32_t>(t)) return false;
-      ScanTyped<int32_t>(b, sorted, revsorted, distinct, nonil);
+      ScanTyped<int32_t>(b, from, to, sorted, revsorted, distinct, nonil);
       return true;
     case 8:
       if (!NilIsMin<int64_t>(t)) return false;
-      ScanTyped<int64_t>(b, sorted, revsorted, distinct, nonil);
+      ScanTyped<int64_t>(b, from, to, sorted, revsorted, distinct, nonil);
       return true;
   }
   return false;
+}
+
+void NoteAppended(BAT* b, BUN first) {
+  const BUN from = first > 0 ? first - 1 : 0;  // the row before the new ones joins them
+  bool sorted = true, revsorted = true, distinct = true, nonil = true;
+  if (!ScanPlainTail(b, from, b->batCount, &sorted, &revsorted, &distinct, &nonil)) {
+    alignas(8) unsigned char s1[8], s2[8];
+    const void* nil = ATOMnil(b->ttype);
+    for (BUN i = from; i < b->batCount; i++) {
+      const void* cur = TailValue(b, i, s1);
+      if (ATOMcmp(b->ttype, cur, nil) == 0) nonil = false;
+      if (i == from) continue;
+      int c = ATOMcmp(b->ttype, TailValue(b, i - 1, s2), cur);
+      if (c > 0) sorted = false;
+      if (c < 0) revsorted = false;
+      if (c == 0) distinct = false;
+    }
+  }
+  if (!nonil) b->tnonil = 0;
+  if (b->batCount - from < 2) return;  // a first row has nothing to be ordered against
+  if (!sorted) b->tsorted = 0;
+  if (!revsorted) b->trevsorted = 0;
+  if (!distinct || (!b->tsorted && !b->trevsorted)) b->tkey = 0;  // unknown is not key
 }
 
 }  // namespace corvid
@@ -386,7 +410,7 @@ void BATpropcheck(BAT* b) {
   alignas(8) unsigned char s1[8], s2[8];
   bool sorted = true, revsorted = true, adjacent_distinct = true, nonil = true;
   const void* nil = ATOMnil(t);
-  if (!corvid::ScanPlainTail(b, &sorted, &revsorted, &adjacent_distinct, &nonil)) {
+  if (!corvid::ScanPlainTail(b, 0, b->batCount, &sorted, &revsorted, &adjacent_distinct, &nonil)) {
     for (BUN i = 0; i < b->batCount; i++) {
       const void* v = TailValue(b, i, s1);
       if (!v) return;  // unreadable row: leave the flags alone rather than guess

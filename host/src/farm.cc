@@ -209,15 +209,7 @@ char* CVDbat_append(bat id, const void* value) {
   b->batCount++;
   if (b->batCapacity < b->batCount) b->batCapacity = b->theap.size / b->twidth;
   b->tailRows = b->batCount;
-  alignas(8) unsigned char s1[8], s2[8];
-  const void* cur = TailValue(b, b->batCount - 1, s1);
-  if (ATOMcmp(b->ttype, cur, ATOMnil(b->ttype)) == 0) b->tnonil = 0;
-  if (b->batCount > 1) {
-    int c = ATOMcmp(b->ttype, TailValue(b, b->batCount - 2, s2), cur);
-    if (c > 0) b->tsorted = 0;
-    if (c < 0) b->trevsorted = 0;
-    if (c == 0 || (!b->tsorted && !b->trevsorted)) b->tkey = 0;  // unknown is not key
-  }
+  NoteAppended(b, b->batCount - 1);
   b->theap.dirty = 1;
   b->batDirty = b->batDirtydesc = 1;
   return nullptr;
@@ -228,9 +220,28 @@ char* CVDbat_append_n(bat id, const void* values, BUN n) {
   if (!r) return createException(ILLARG, "CVDbat_append_n", "no BAT with id %d", id);
   if (r->desc.ttype == TYPE_str || r->desc.ttype == TYPE_void)
     return createException(ILLARG, "CVDbat_append_n", "BAT %d is not fixed-width", id);
-  const size_t size = ATOMsize(r->desc.ttype);
-  for (BUN i = 0; i < n; i++)
-    if (char* err = CVDbat_append(id, static_cast<const char*>(values) + i * size)) return err;
+  BAT* b = &r->desc;
+  const size_t size = ATOMsize(b->ttype);
+  if (n == 0) return nullptr;
+  if (!values) return createException(ILLARG, "CVDbat_append_n", "no values given");
+  if (b->twidth != size) {  // a narrow tail checks that every value fits its width
+    for (BUN i = 0; i < n; i++)
+      if (char* err = CVDbat_append(id, static_cast<const char*>(values) + i * size)) return err;
+    return nullptr;
+  }
+  if (!HeapsLoaded(b) && !BATload_intern(id, 0))
+    return createException(IO, "CVDbat_append_n", "cannot load BAT %d", id);
+  const BUN first = b->batCount;
+  if (!EnsureHeapRoom(&b->theap, (first + n) * size))
+    return createException(MAL, "CVDbat_append_n", "out of memory");
+  std::memcpy(b->theap.base + first * size, values, n * size);
+  b->theap.free = (first + n) * size;
+  b->batCount = first + n;
+  if (b->batCapacity < b->batCount) b->batCapacity = b->theap.size / b->twidth;
+  b->tailRows = b->batCount;
+  NoteAppended(b, first);
+  b->theap.dirty = 1;
+  b->batDirty = b->batDirtydesc = 1;
   return nullptr;
 }
 

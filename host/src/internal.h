@@ -63,9 +63,14 @@ bool EnsureHeapRoom(Heap* h, size_t need);  // grows h->base to at least `need` 
 // Loaded heaps are private mappings of their files until something changes them: every
 // path that writes into a heap first makes its memory the kernel's own.
 bool MakeHeapOwned(Heap* h);
-// The property scan of a full-width signed integer tail whose nil is the type's smallest
-// value, where the host's order (nil first) is the plain order. False for other tails.
-bool ScanPlainTail(const BAT* b, bool* sorted, bool* revsorted, bool* distinct, bool* nonil);
+// The property scan of rows [from, to) of a tail whose host order (nil first) is the
+// plain order: signed integers whose nil is the type's smallest value, narrow integer
+// tails, doubles without NaN or -inf. False, scanning nothing, for other tails.
+bool ScanPlainTail(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted,
+                   bool* distinct, bool* nonil);
+// Brings the property flags up to date after rows [first, batCount) were appended, exactly
+// as appending them one by one does.
+void NoteAppended(BAT* b, BUN first);
 void ReleaseHeapMemory(Heap* h);  // unmaps or frees base; base becomes null
 
 // The value of row i, or nullptr when out of range or not loaded. Computed values (void and

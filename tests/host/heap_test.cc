@@ -94,6 +94,55 @@ TEST(HeapTest, PropcheckClearsExactlyTheFalseFlags) {
   }
 }
 
+// Appending many values at once leaves the same property flags as appending them one by
+// one, also when the first call of a BAT is followed by more.
+TEST(HeapTest, BulkAppendKeepsTheFlagsOfSingleAppends) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  struct Case {
+    std::string name;
+    int type;
+    std::vector<unsigned char> bytes;
+    size_t width;
+  };
+  auto of = [](auto values) {
+    std::vector<unsigned char> b(values.size() * sizeof(values[0]));
+    std::memcpy(b.data(), values.data(), b.size());
+    return b;
+  };
+  const std::vector<Case> cases = {
+      {"ascending", TYPE_int, of(std::vector<int>{1, 2, 3, 4}), 4},
+      {"descending with equal", TYPE_int, of(std::vector<int>{4, 3, 3, 1}), 4},
+      {"nil first", TYPE_lng, of(std::vector<lng>{lng_nil, 5, 6}), 8},
+      {"unordered", TYPE_sht, of(std::vector<sht>{2, 9, 1, 7}), 2},
+      {"doubles with nan", TYPE_dbl, of(std::vector<dbl>{1.0, nan, 0.5}), 8},
+      {"oids", TYPE_oid, of(std::vector<oid>{3, oid_nil, 4}), 4},
+      {"single row", TYPE_int, of(std::vector<int>{int_nil}), 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const size_t n = c.bytes.size() / c.width, half = n / 2;
+    bat one = 0, bulk = 0, split = 0;
+    ASSERT_EQ(CVDbat_create(c.type, nullptr, 0, &one), nullptr);
+    ASSERT_EQ(CVDbat_create(c.type, nullptr, 0, &bulk), nullptr);
+    ASSERT_EQ(CVDbat_create(c.type, nullptr, 0, &split), nullptr);
+    for (size_t i = 0; i < n; i++) ASSERT_EQ(CVDbat_append(one, &c.bytes[i * c.width]), nullptr);
+    ASSERT_EQ(CVDbat_append_n(bulk, c.bytes.data(), n), nullptr);
+    ASSERT_EQ(CVDbat_append_n(split, c.bytes.data(), half), nullptr);
+    ASSERT_EQ(CVDbat_append_n(split, &c.bytes[half * c.width], n - half), nullptr);
+    const BAT* a = BBPgetdesc(one);
+    for (bat other : {bulk, split}) {
+      const BAT* b = BBPgetdesc(other);
+      EXPECT_EQ(b->batCount, a->batCount);
+      EXPECT_EQ(std::memcmp(b->theap.base, a->theap.base, n * c.width), 0);
+      EXPECT_EQ(b->tsorted, a->tsorted);
+      EXPECT_EQ(b->trevsorted, a->trevsorted);
+      EXPECT_EQ(b->tkey, a->tkey);
+      EXPECT_EQ(b->tnonil, a->tnonil);
+    }
+    for (bat b : {one, bulk, split}) CVDbat_release(b);
+  }
+}
+
 // Long columns are scanned in two halves at once: an order broken exactly at the seam, or
 // a nil only in the upper half, must still be seen.
 TEST(HeapTest, PropcheckOfLongColumnsSeesTheSeam) {
