@@ -184,10 +184,21 @@ void Settle(uint64_t warm) {
   if (child > 0) ::waitpid(child, nullptr, 0);
 }
 
+// Tells a `perf record --control fifo:PATH -D -1` started around this process to record or
+// to stop, so that a profile holds the timed export and nothing else. No path: nothing.
+void PerfControl(const std::string& fifo, const char* command) {
+  if (fifo.empty()) return;
+  int fd = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  ssize_t ignored = ::write(fd, command, std::strlen(command));
+  (void)ignored;
+  ::close(fd);
+}
+
 // One export into a fresh farm under run_dir, checked and then measured against the
 // baselines.
 Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path& run_dir,
-               BenchRun* run) {
+               const std::string& perf_ctl, BenchRun* run) {
   const Manifest& manifest = cols.manifest;
   const uint64_t warm = std::max<uint64_t>(uint64_t{1} << 30, 3 * ResultBytes(data));
   std::error_code ec;
@@ -214,9 +225,11 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
 
     Settle(warm);
     char* error = nullptr;
+    PerfControl(perf_ctl, "enable\n");
     auto start = Clock::now();
     int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
     run->seconds = Since(start);
+    PerfControl(perf_ctl, "disable\n");
     CVDcommit_times(&run->commit_seconds, &run->flush_seconds);
     if (attempted == 0) return Status::Error("export: no column was registered");
     if (error != nullptr) return Status::Error(std::string("export: ") + error);
@@ -262,6 +275,9 @@ CLI::App* AddBenchCommand(CLI::App* app, BenchOptions* o) {
                   "runs are made in DIR/run-K (default " + std::string(kDefaultBenchDir) + ")");
   cmd->add_flag("--json", o->json, "print the medians as one JSON object");
   cmd->add_option("--chunk-size", o->chunk_size, "values per chunk (default 65536)");
+  cmd->add_option("--perf-ctl", o->perf_ctl,
+                  "perf control FIFO: profile only the exports "
+                  "(perf record --control fifo:FIFO -D -1 -- qopci bench ...)");
   return cmd;
 }
 
@@ -406,7 +422,7 @@ Status RunBench(const BenchOptions& o, std::ostream& out, std::ostream& log) {
   for (int k = 1; k <= o.runs; ++k) {
     BenchRun r;
     const fs::path run_dir = dir / ("run-" + std::to_string(k));
-    s = RunOnce(cols, data, run_dir, &r);
+    s = RunOnce(cols, data, run_dir, o.perf_ctl, &r);
     if (!s.ok()) return Status::Error("run " + std::to_string(k) + ": " + s.message());
     std::snprintf(line, sizeof line,
                   "run %d: %.3f s (commit %.3f s, fsync %.3f s)  %s  export %s  "

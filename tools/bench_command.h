@@ -37,6 +37,7 @@ struct BenchOptions {
   std::string dir = kDefaultBenchDir;  // runs are made in <dir>/run-<k>
   bool json = false;                   // one JSON object on stdout, run lines on stderr
   int chunk_size = 65536;              // values per chunk
+  std::string perf_ctl;  // a perf control FIFO: "enable" before each export, "disable" after
 };
 
 // The synthetic result's columns: a manifest (table "bench", columns "c1", "c2", ...) and
