@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <thread>
 #include <vector>
 
 #include "corvid/exception.h"
@@ -19,12 +18,13 @@
 #include "internal.h"
 
 namespace corvid {
-namespace {
 
 bool IsNarrowInteger(const BAT* b) {
   return b->ttype != TYPE_str && b->ttype != TYPE_void && b->twidth > 0 &&
          b->twidth < ATOMsize(b->ttype) && (b->twidth == 1 || b->twidth == 2 || b->twidth == 4);
 }
+
+namespace {
 
 uint64_t LoadUnsigned(const char* p, int width) {
   uint64_t v = 0;
@@ -233,125 +233,6 @@ char* AppendFixed(BAT* b, const void* value) {
   std::memcpy(b->theap.base + b->batCount * b->twidth, value, b->twidth);
   b->theap.free = (b->batCount + 1) * b->twidth;
   return nullptr;
-}
-
-namespace {
-
-struct Scan {
-  bool up = true, down = true, apart = true, none = true;
-  bool plain = true;  // false: a value whose host order differs from the plain order
-};
-
-// Signed integers: nil is the smallest value, so the host's order is the plain order.
-template <typename T>
-Scan ScanRange(const T* v, BUN from, BUN to) {
-  const T nil = std::numeric_limits<T>::min();
-  Scan r;
-  for (BUN i = from; i < to; i++) {
-    r.none &= v[i] != nil;
-    if (i == from) continue;
-    r.up &= v[i - 1] <= v[i];
-    r.down &= v[i - 1] >= v[i];
-    r.apart &= v[i - 1] != v[i];
-  }
-  return r;
-}
-
-// Doubles: nil (-DBL_MAX) is the smallest value unless a NaN or -inf is present.
-Scan ScanRange(const double* v, BUN from, BUN to) {
-  Scan r;
-  for (BUN i = from; i < to; i++) {
-    if (std::isnan(v[i]) || v[i] < dbl_nil) {
-      r.plain = false;
-      return r;
-    }
-    r.none &= v[i] != dbl_nil;
-    if (i == from) continue;
-    r.up &= v[i - 1] <= v[i];
-    r.down &= v[i - 1] >= v[i];
-    r.apart &= v[i - 1] != v[i];
-  }
-  return r;
-}
-
-// Columns this long are scanned in two halves at once; the halves are joined at the seam.
-constexpr BUN kParallelScanRows = BUN{1} << 20;
-
-// Scans the tail as T; false when the plain order does not hold for it.
-template <typename T>
-bool ScanTyped(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted, bool* distinct,
-               bool* nonil) {
-  const T* v = reinterpret_cast<const T*>(b->theap.base);
-  Scan r;
-  if (to - from < kParallelScanRows) {
-    r = ScanRange(v, from, to);
-  } else {
-    const BUN mid = from + (to - from) / 2;
-    Scan high;
-    std::thread helper([&] { high = ScanRange(v, mid, to); });
-    Scan low = ScanRange(v, from, mid);
-    helper.join();
-    r.plain = low.plain && high.plain;
-    r.up = low.up && high.up && v[mid - 1] <= v[mid];
-    r.down = low.down && high.down && v[mid - 1] >= v[mid];
-    r.apart = low.apart && high.apart && v[mid - 1] != v[mid];
-    r.none = low.none && high.none;
-  }
-  if (!r.plain) return false;
-  *sorted = r.up;
-  *revsorted = r.down;
-  *distinct = r.apart;
-  *nonil = r.none;
-  return true;
-}
-
-template <typename T>
-bool NilIsMin(int type) {
-  T nil;
-  std::memcpy(&nil, ATOMnil(type), sizeof nil);
-  return nil == std::numeric_limits<T>::min();
-}
-
-}  // namespace
-
-bool ScanPlainTail(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted,
-                   bool* distinct, bool* nonil) {
-  const int t = b->ttype;
-  if (!b->theap.base) return false;
-  if (t == TYPE_dbl && b->twidth == sizeof(double))
-    return ScanTyped<double>(b, from, to, sorted, revsorted, distinct, nonil);
-  if (IsNarrowInteger(b)) {
-    // Narrow values widen by sign extension and never reach the wide type's nil.
-    switch (b->twidth) {
-      case 1: ScanTyped<int8_t>(b, from, to, sorted, revsorted, distinct, nonil); break;
-      case 2: ScanTyped<int16_t>(b, from, to, sorted, revsorted, distinct, nonil); break;
-      default: ScanTyped<int32_t>(b, from, to, sorted, revsorted, distinct, nonil); break;
-    }
-    *nonil = true;
-    return true;
-  }
-  if (t == TYPE_void || t == TYPE_str || t == TYPE_oid || t == TYPE_ptr || t == TYPE_flt ||
-      t == TYPE_dbl || b->twidth != ATOMsize(t))
-    return false;
-  switch (b->twidth) {
-    case 1:
-      if (!NilIsMin<int8_t>(t)) return false;
-      ScanTyped<int8_t>(b, from, to, sorted, revsorted, distinct, nonil);
-      return true;
-    case 2:
-      if (!NilIsMin<int16_t>(t)) return false;
-      ScanTyped<int16_t>(b, from, to, sorted, revsorted, distinct, nonil);
-      return true;
-    case 4:
-      if (!NilIsMin<int32_t>(t)) return false;
-      ScanTyped<int32_t>(b, from, to, sorted, revsorted, distinct, nonil);
-      return true;
-    case 8:
-      if (!NilIsMin<int64_t>(t)) return false;
-      ScanTyped<int64_t>(b, from, to, sorted, revsorted, distinct, nonil);
-      return true;
-  }
-  return false;
 }
 
 void NoteAppended(BAT* b, BUN first) {

@@ -63,6 +63,8 @@ bool EnsureHeapRoom(Heap* h, size_t need);  // grows h->base to at least `need` 
 // Loaded heaps are private mappings of their files until something changes them: every
 // path that writes into a heap first makes its memory the kernel's own.
 bool MakeHeapOwned(Heap* h);
+// A tail of an integer type stored narrower than the type (decimals): 1, 2 or 4 bytes.
+bool IsNarrowInteger(const BAT* b);
 // The property scan of rows [from, to) of a tail whose host order (nil first) is the
 // plain order: signed integers whose nil is the type's smallest value, narrow integer
 // tails, doubles without NaN or -inf. False, scanning nothing, for other tails.

@@ -178,4 +178,46 @@ TEST(HeapTest, PropcheckOfLongColumnsSeesTheSeam) {
   }
 }
 
+// The scan works block by block and stops once every flag has failed: a single break of
+// an order, a repeat or a nil must be seen wherever it falls, at a block's first or last
+// row, in a block of its own or in the short block at the end.
+TEST(HeapTest, PropcheckSeesOneBreakAnywhere) {
+  struct Break {
+    std::string name;
+    bool sorted, revsorted, key, nonil;
+  };
+  const std::vector<Break> breaks = {
+      {"none", true, false, true, true},
+      {"descent", false, false, true, true},
+      {"repeat", true, false, false, true},
+      {"nil", false, false, true, false},
+  };
+  const size_t n = 3 * 4096 + 17;
+  for (const Break& k : breaks) {
+    for (size_t at : {size_t{1}, size_t{4095}, size_t{4096}, size_t{4097}, size_t{8193}, n - 1}) {
+      SCOPED_TRACE(k.name + " at row " + std::to_string(at));
+      std::vector<lng> longs(n);
+      std::vector<dbl> doubles(n);
+      for (size_t i = 0; i < n; i++) longs[i] = static_cast<lng>(2 * i);
+      if (k.name == "descent") longs[at] = longs[at - 1] - 1;
+      if (k.name == "repeat") longs[at] = longs[at - 1];
+      if (k.name == "nil") longs[at] = lng_nil;
+      for (size_t i = 0; i < n; i++)
+        doubles[i] = longs[i] == lng_nil ? dbl_nil : static_cast<dbl>(longs[i]);
+      for (bat b : {Transient<lng>(TYPE_lng, longs), Transient<dbl>(TYPE_dbl, doubles)}) {
+        BAT* d = BBPdescriptor(b);
+        ASSERT_NE(d, nullptr);
+        d->tsorted = d->trevsorted = d->tkey = d->tnonil = 1;
+        BATpropcheck(d);
+        EXPECT_EQ(d->tsorted, k.sorted) << ATOMname(d->ttype);
+        EXPECT_EQ(d->trevsorted, k.revsorted) << ATOMname(d->ttype);
+        EXPECT_EQ(d->tkey, k.key) << ATOMname(d->ttype);
+        EXPECT_EQ(d->tnonil, k.nonil) << ATOMname(d->ttype);
+        BBPreleaseref(b);
+        CVDbat_release(b);
+      }
+    }
+  }
+}
+
 }  // namespace
