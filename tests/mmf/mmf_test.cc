@@ -471,5 +471,38 @@ TEST_F(MmfTest, FileSizeLimitFailsTheWriteNotTheProcess) {
   }
 }
 
+// Write-back is started for runs of flushed blocks, not block by block: the writes of one
+// column are many small blocks, and a disk request per block would slow the export. The
+// difference in system calls with and without early write-back counts the requests.
+TEST_F(MmfTest, WritebackStartsInSteps) {
+  const std::string block = Pattern(64 << 10, 'w');
+  const MMFTuning saved = MMFGetTuning();
+  struct Case {
+    int blocks;
+    uint64_t most;  // one per full step, and one for the rest at Close
+  };
+  const std::vector<Case> cases = {{1, 1}, {64, 2}, {200, 4}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.blocks);
+    uint64_t calls[2] = {0, 0};
+    for (bool early : {false, true}) {
+      MMFSetTuning({MMFBlockCopy::kPwrite, early});
+      std::filesystem::remove(path_);
+      MMFInjectFailure(0);
+      {
+        MMFByteWriter w(path_, false);
+        ASSERT_TRUE(w.Open());
+        for (int k = 0; k < c.blocks; ++k) ASSERT_TRUE(w.Write(block.data(), block.size()));
+        w.Close();
+      }
+      calls[early] = MMFSystemCallCount();
+      EXPECT_EQ(DiskSize(), static_cast<int64_t>(c.blocks * block.size()));
+    }
+    EXPECT_GE(calls[1] - calls[0], 1u);
+    EXPECT_LE(calls[1] - calls[0], c.most);
+  }
+  MMFSetTuning(saved);
+}
+
 }  // namespace
 }  // namespace qopci

@@ -198,10 +198,30 @@ void MMF::SetFileSize(uint64_t size) {
 bool MMF::Flush() {
   if (view_access_ == kReadAccess) return true;
   if (view_placed_ && MMFGetTuning().start_writeback) {
-    mmf_os::ErrnoKeeper keep;
-    mmf_os::SyncRange(fd_, static_cast<off_t>(view_offset_), static_cast<off_t>(view_length_));
+    // Block writes flush views of a few hundred KiB each. Handed to the disk one by one,
+    // each would become a request of its own; gathered while they are adjacent, they go
+    // in steps of kWritebackStep. Close starts what is left.
+    const uint64_t from = view_offset_, to = view_offset_ + view_length_;
+    if (writeback_to_ > writeback_from_ && (from > writeback_to_ || to < writeback_from_))
+      StartPendingWriteback();
+    if (writeback_to_ == writeback_from_) {
+      writeback_from_ = from;
+      writeback_to_ = to;
+    } else {
+      writeback_from_ = std::min(writeback_from_, from);
+      writeback_to_ = std::max(writeback_to_, to);
+    }
+    if (writeback_to_ - writeback_from_ >= kWritebackStep) StartPendingWriteback();
   }
   return true;
+}
+
+void MMF::StartPendingWriteback() {
+  if (writeback_to_ == writeback_from_) return;
+  mmf_os::ErrnoKeeper keep;
+  mmf_os::SyncRange(fd_, static_cast<off_t>(writeback_from_),
+                    static_cast<off_t>(writeback_to_ - writeback_from_));
+  writeback_from_ = writeback_to_ = 0;
 }
 
 bool MMF::Close() {
@@ -209,7 +229,10 @@ bool MMF::Close() {
     closed_ = true;
     return true;
   }
-  if (view_access_ != kReadAccess) Flush();
+  if (view_access_ != kReadAccess) {
+    Flush();
+    StartPendingWriteback();
+  }
   Unmap();
   has_mapping_ = false;
   {

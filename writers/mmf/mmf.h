@@ -23,6 +23,8 @@ namespace qopci {
 class MMF {
  public:
   static constexpr uint32_t kGranularity = 65536;  // view offsets and growth steps
+  // Write-back of flushed views is started in steps of at least this many bytes.
+  static constexpr uint64_t kWritebackStep = 4u << 20;
   static constexpr uint32_t kWriteAccess = 2;
   static constexpr uint32_t kReadAccess = 4;
   static constexpr uint64_t kNoRequestedSize = UINT64_MAX;
@@ -92,6 +94,8 @@ class MMF {
   bool Reserve(uint64_t size);
   // Creates the placed view. Returns false with errno set, and no view is placed then.
   bool CreateView();
+  // Starts write-back of the flushed range not yet handed to the disk, if any.
+  void StartPendingWriteback();
 
   uint32_t view_access_;
   bool compressed_ = false;  // wanted file-system compression
@@ -101,6 +105,9 @@ class MMF {
   uint64_t view_offset_ = 0;   // aligned file offset of the placed view
   uint64_t view_length_ = 0;   // bytes of the placed view
   uint64_t view_skew_ = 0;     // offset asked for minus the aligned start
+  // Flushed bytes [writeback_from_, writeback_to_) whose write-back has not been started.
+  uint64_t writeback_from_ = 0;
+  uint64_t writeback_to_ = 0;
   std::unique_ptr<char[]> file_name_;
   uint64_t logical_size_ = 0;  // bytes that count as written
   uint64_t size_at_open_ = 0;
