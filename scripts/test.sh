@@ -7,8 +7,9 @@ preset=${1:-default}
 scripts/deps.sh
 cmake --preset "$preset" >/dev/null
 if [[ $preset == tsan ]]; then
-  # ThreadSanitizer runs the tests labelled "tsan": the queue and the writers on it.
-  cmake --build --preset tsan --target queue_tests writers_tests
+  # ThreadSanitizer runs the tests labelled "tsan": the kernel (its scans and its reclaimer
+  # thread), the queue and the writers on it.
+  cmake --build --preset tsan --target host_tests queue_tests writers_tests
 else
   cmake --build --preset "$preset"
 fi

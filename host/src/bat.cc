@@ -126,15 +126,6 @@ bool LoadHeap(const std::string& path, Heap* h, size_t alloc, char** out, std::s
 
 bool HeapsLoaded(const BAT* b) { return (b->batStatus & BATSTATUS_LOADED) != 0; }
 
-void ReleaseHeapMemory(Heap* h) {
-  if (h->base != nullptr && (h->flags & HEAP_MAPPED))
-    ::munmap(h->base, h->free);
-  else
-    std::free(h->base);
-  h->base = nullptr;
-  h->flags &= ~HEAP_MAPPED;
-}
-
 bool MakeHeapOwned(Heap* h) {
   if (h->base == nullptr || !(h->flags & HEAP_MAPPED)) return true;
   const size_t size = std::max({h->size, h->free, size_t{1}});

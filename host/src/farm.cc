@@ -135,6 +135,7 @@ char* CVDfarm_open(const char* dir, int create) {
 void CVDfarm_close(void) {
   Kernel& k = K();
   k.pool.clear();
+  WaitForReleases();  // a closed farm holds no memory
   LoggerClose(k.lg);
   k.lg = nullptr;
   k.farm.clear();

@@ -73,7 +73,12 @@ bool ScanPlainTail(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted
 // Brings the property flags up to date after rows [first, batCount) were appended, exactly
 // as appending them one by one does.
 void NoteAppended(BAT* b, BUN first);
-void ReleaseHeapMemory(Heap* h);  // unmaps or frees base; base becomes null
+// Unmaps or frees base; base becomes null. Heaps of at least kReleaseLaterBytes are given
+// back on a background thread (reclaim.cc).
+void ReleaseHeapMemory(Heap* h);
+inline constexpr size_t kReleaseLaterBytes = size_t{16} << 20;
+// Waits until every heap handed to the background thread has been given back.
+void WaitForReleases();
 
 // The value of row i, or nullptr when out of range or not loaded. Computed values (void and
 // narrow tails) go to `scratch` (8 bytes).

@@ -12,7 +12,8 @@
 
 #include "internal.h"
 
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+// ThreadSanitizer's runtime is not up yet when the loader picks a clone, and crashes.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
 #define CORVID_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define CORVID_VECTOR_CLONES
