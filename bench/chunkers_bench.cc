@@ -41,6 +41,28 @@ void BM_InsertValue(benchmark::State& state, int source_type) {
   state.SetItemsProcessed(state.iterations() * source.size());
 }
 
+// A run of adjacent ascending values, as the copy reads a column through a dense order BAT.
+// The values go on ascending from chunk to chunk, so that the run statistics are kept up.
+template <typename C, typename S>
+void BM_InsertRun(benchmark::State& state, int source_type) {
+  C chunker(kChunkSize);
+  ChunkerBase& base = chunker;
+  base.InitCastTable(ATOMindex, ATOMformat, ATOMstrConvert, GDKfree);
+  const char* type_name = ATOMname(source_type);
+  std::vector<S> source(kChunkSize);
+  for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<S>(i + 1);
+  for (auto _ : state) {
+    for (size_t at = 0; at < source.size();)
+      at += base.InsertRun(&source[at], type_name, source.size() - at, sizeof(S),
+                           ATOMnil(source_type));
+    delete base.TakeChunk();
+    state.PauseTiming();
+    for (S& v : source) v += static_cast<S>(source.size());
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * source.size());
+}
+
 template <typename C, typename S>
 void Register(const char* name, int source_type) {
   benchmark::RegisterBenchmark(name, BM_InsertValue<C, S>, source_type);
@@ -58,6 +80,11 @@ void RegisterAll() {
   Register<SimpleTypeChunker<int64_t>, int32_t>("InsertValue/lng_from_int", TYPE_int);
   Register<DoubleChunker, int32_t>("InsertValue/dbl_from_int", TYPE_int);
   Register<TimestampChunker, int64_t>("InsertValue/timestamp_from_lng", TYPE_lng);
+  benchmark::RegisterBenchmark("InsertRun/int", BM_InsertRun<SimpleTypeChunker<int>, int32_t>,
+                               TYPE_int);
+  benchmark::RegisterBenchmark("InsertRun/lng",
+                               BM_InsertRun<SimpleTypeChunker<int64_t>, int64_t>, TYPE_lng);
+  benchmark::RegisterBenchmark("InsertRun/dbl", BM_InsertRun<DoubleChunker, double>, TYPE_dbl);
 }
 
 void BM_DecimalInsertVal(benchmark::State& state) {

@@ -22,8 +22,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <type_traits>
 
 #include "chunkers/chunker_base.h"
+#include "chunkers/run_loops.h"
 
 namespace qopci {
 
@@ -100,7 +102,9 @@ class Chunker : public ChunkerBase {
       return;
     }
     bool holds = key_ ? v[i] > previous_ : v[i] >= previous_;
-    if (key_) {
+    if constexpr (std::is_arithmetic_v<T>) {
+      holds = holds && RunAscends(v + i, k - i, key_);
+    } else if (key_) {
       for (size_t j = i + 1; j < k; j++) holds &= v[j] > v[j - 1];
     } else {
       for (size_t j = i + 1; j < k; j++) holds &= v[j] >= v[j - 1];

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include "chunkers/run_loops.h"
+
 namespace qopci {
 namespace {
 
@@ -51,25 +53,13 @@ size_t SimpleTypeChunker<T>::InsertRun(const void* src, const char* type_name, s
                                        size_t stride, const void* nil) {
   if (type_name != this->cast_name_ || !this->cast_direct_ || stride != sizeof(T))
     return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
-  // Nils are recognised by their bit pattern, so a double nil compares as bits too.
-  using Bits = std::conditional_t<sizeof(T) == 1, uint8_t,
-               std::conditional_t<sizeof(T) == 2, uint16_t,
-               std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
-  Bits nil_bits;
-  std::memcpy(&nil_bits, nil, sizeof nil_bits);
   const T stored_nil = *this->GetNilValue();
   SimpleTypeChunk<T>* c = chunk_;
   const uint64_t room = c->capacity_ - static_cast<uint64_t>(c->count_);
   const size_t k = n < room ? n : static_cast<size_t>(room);
-  const char* p = static_cast<const char*>(src);
   T* out = c->buffer_ + c->count_;
-  for (size_t i = 0; i < k; i++, p += sizeof(T)) {
-    Bits bits;
-    std::memcpy(&bits, p, sizeof bits);
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    out[i] = bits == nil_bits ? stored_nil : v;
-  }
+  // Nils are recognised by their bit pattern, so a double nil compares as bits too.
+  CopyReplacingNil(static_cast<const char*>(src), k, nil, stored_nil, out);
   this->UpdateRunStatistics(out, k);
   c->count_ += static_cast<int32_t>(k);
   c->size_ += k * sizeof(T);

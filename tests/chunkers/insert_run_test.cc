@@ -72,6 +72,21 @@ TEST(InsertRunTest, SameAsValueByValue) {
   const std::vector<int> ints = {1, 2, int_nil, 3, 3, 7, -5, 0, 9, 10, 11};
   const std::vector<lng> lngs = {0, 5, lng_nil, 1LL << 40, 2, 0, 3};
   const std::vector<dbl> dbls = {0.5, dbl_nil, 2.5, -1.0, 3.0};
+  // Long runs go through the vectorised loops: ascending, then a repeat, then a nil.
+  std::vector<int> long_ints(1000);
+  std::vector<lng> long_lngs(1000);
+  std::vector<dbl> long_dbls(1000);
+  for (size_t i = 0; i < 1000; i++) {
+    long_ints[i] = static_cast<int>(3 * i);
+    long_lngs[i] = static_cast<lng>(3 * i) << 33;
+    long_dbls[i] = 0.25 * static_cast<dbl>(i);
+  }
+  long_ints[517] = long_ints[516];
+  long_lngs[517] = long_lngs[516];
+  long_dbls[517] = long_dbls[516];
+  long_ints[800] = int_nil;
+  long_lngs[800] = lng_nil;
+  long_dbls[800] = dbl_nil;
   struct Case {
     std::string name;
     std::function<ChunkerBase*()> make;
@@ -94,9 +109,15 @@ TEST(InsertRunTest, SameAsValueByValue) {
        reinterpret_cast<const char*>(dbls.data()), dbls.size(), 8},
       {"decimal", [] { return new DecimalChunker(4, 9); }, "lng",
        reinterpret_cast<const char*>(lngs.data()), lngs.size(), 8},
+      {"long int", [] { return new SimpleTypeChunker<int>(333); }, "int",
+       reinterpret_cast<const char*>(long_ints.data()), long_ints.size(), 4},
+      {"long lng", [] { return new SimpleTypeChunker<int64_t>(333); }, "lng",
+       reinterpret_cast<const char*>(long_lngs.data()), long_lngs.size(), 8},
+      {"long double", [] { return new DoubleChunker(333); }, "dbl",
+       reinterpret_cast<const char*>(long_dbls.data()), long_dbls.size(), 8},
   };
   for (const Case& c : cases) {
-    for (size_t run : {1, 2, 5, 100}) {
+    for (size_t run : {1, 2, 5, 100, 1000}) {
       SCOPED_TRACE(c.name + ", runs of " + std::to_string(run));
       for (bool clear_sorted : {false, true}) {
         std::unique_ptr<ChunkerBase> one(c.make()), many(c.make());
