@@ -5,6 +5,7 @@
 // that has just dropped its result and has more to do. Heaps of at least kReleaseLaterBytes
 // are therefore handed to one background thread of the kernel; smaller ones are released at
 // once. The memory is no longer the kernel's from the hand-over on: nothing refers to it.
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 
@@ -119,7 +120,9 @@ Reclaimer& TheReclaimer() {
 void ReleaseHeapMemory(Heap* h) {
   if (h->base != nullptr) {
     const bool mapped = (h->flags & HEAP_MAPPED) != 0;
-    const Release r{h->base, mapped ? h->free : h->size, mapped};
+    // The allocator's own record of a block's length, not the descriptor's, which callers
+    // rewrite: dropping pages past the block would wipe someone else's memory.
+    const Release r{h->base, mapped ? h->free : ::malloc_usable_size(h->base), mapped};
     if (r.length >= kReleaseLaterBytes)
       TheReclaimer().Take(r);
     else
