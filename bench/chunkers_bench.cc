@@ -25,11 +25,16 @@ std::vector<S> Source() {
   return v;
 }
 
+// The chunker as the copy manager drives it: through ChunkerBase, with the host's routines.
+ChunkerBase& WithHostRoutines(ChunkerBase& chunker) {
+  chunker.InitCastTable(ATOMindex, ATOMformat, ATOMstrConvert, GDKfree);
+  return chunker;
+}
+
 template <typename C, typename S>
 void BM_InsertValue(benchmark::State& state, int source_type) {
   C chunker(kChunkSize);
-  ChunkerBase& base = chunker;
-  base.InitCastTable(ATOMindex, ATOMformat, ATOMstrConvert, GDKfree);
+  ChunkerBase& base = WithHostRoutines(chunker);
   const char* type_name = ATOMname(source_type);
   const std::vector<S> source = Source<S>();
   for (auto _ : state) {
@@ -46,15 +51,14 @@ void BM_InsertValue(benchmark::State& state, int source_type) {
 template <typename C, typename S>
 void BM_InsertRun(benchmark::State& state, int source_type) {
   C chunker(kChunkSize);
-  ChunkerBase& base = chunker;
-  base.InitCastTable(ATOMindex, ATOMformat, ATOMstrConvert, GDKfree);
+  ChunkerBase& base = WithHostRoutines(chunker);
   const char* type_name = ATOMname(source_type);
+  const void* nil = ATOMnil(source_type);
   std::vector<S> source(kChunkSize);
   for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<S>(i + 1);
   for (auto _ : state) {
     for (size_t at = 0; at < source.size();)
-      at += base.InsertRun(&source[at], type_name, source.size() - at, sizeof(S),
-                           ATOMnil(source_type));
+      at += base.InsertRun(&source[at], type_name, source.size() - at, sizeof(S), nil);
     delete base.TakeChunk();
     state.PauseTiming();
     for (S& v : source) v += static_cast<S>(source.size());

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,6 +60,26 @@ bat Transient(int type, const std::vector<T>& v) {
   return b;
 }
 
+struct Flags {
+  bool sorted, revsorted, key, nonil;
+};
+
+// The flags BATpropcheck leaves on transient BAT b when sorted, revsorted and no-nil are set
+// and key is set as asked (an unordered key check sorts the whole column). Releases b.
+// Nothing when b cannot be loaded.
+std::optional<Flags> CheckedFlags(bat b, bool ask_key = true) {
+  std::optional<Flags> flags;
+  if (BAT* d = BBPdescriptor(b)) {
+    d->tsorted = d->trevsorted = d->tnonil = 1;
+    d->tkey = ask_key ? 1 : 0;
+    BATpropcheck(d);
+    flags = Flags{d->tsorted != 0, d->trevsorted != 0, d->tkey != 0, d->tnonil != 0};
+    BBPreleaseref(b);
+  }
+  CVDbat_release(b);
+  return flags;
+}
+
 TEST(HeapTest, PropcheckClearsExactlyTheFalseFlags) {
   const double inf = std::numeric_limits<double>::infinity();
   const double nan = std::numeric_limits<double>::quiet_NaN();
@@ -82,16 +103,12 @@ TEST(HeapTest, PropcheckClearsExactlyTheFalseFlags) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    BAT* d = BBPdescriptor(c.b);
-    ASSERT_NE(d, nullptr);
-    d->tsorted = d->trevsorted = d->tkey = d->tnonil = 1;
-    BATpropcheck(d);
-    EXPECT_EQ(d->tsorted, c.sorted);
-    EXPECT_EQ(d->trevsorted, c.revsorted);
-    EXPECT_EQ(d->tkey, c.key);
-    EXPECT_EQ(d->tnonil, c.nonil);
-    BBPreleaseref(c.b);
-    CVDbat_release(c.b);
+    std::optional<Flags> f = CheckedFlags(c.b);
+    ASSERT_TRUE(f.has_value());
+    EXPECT_EQ(f->sorted, c.sorted);
+    EXPECT_EQ(f->revsorted, c.revsorted);
+    EXPECT_EQ(f->key, c.key);
+    EXPECT_EQ(f->nonil, c.nonil);
   }
 }
 
@@ -166,16 +183,11 @@ TEST(HeapTest, PropcheckOfLongColumnsSeesTheSeam) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    BAT* d = BBPdescriptor(c.b);
-    ASSERT_NE(d, nullptr);
-    d->tsorted = d->trevsorted = d->tnonil = 1;
-    d->tkey = 0;  // not asked: an unordered key check sorts the whole column
-    BATpropcheck(d);
-    EXPECT_EQ(d->tsorted, c.sorted);
-    EXPECT_EQ(d->trevsorted, c.revsorted);
-    EXPECT_EQ(d->tnonil, c.nonil);
-    BBPreleaseref(c.b);
-    CVDbat_release(c.b);
+    std::optional<Flags> f = CheckedFlags(c.b, false);  // key not asked: it would sort
+    ASSERT_TRUE(f.has_value());
+    EXPECT_EQ(f->sorted, c.sorted);
+    EXPECT_EQ(f->revsorted, c.revsorted);
+    EXPECT_EQ(f->nonil, c.nonil);
   }
 }
 
@@ -205,17 +217,15 @@ TEST(HeapTest, PropcheckSeesOneBreakAnywhere) {
       if (k.name == "nil") longs[at] = lng_nil;
       for (size_t i = 0; i < n; i++)
         doubles[i] = longs[i] == lng_nil ? dbl_nil : static_cast<dbl>(longs[i]);
-      for (bat b : {Transient<lng>(TYPE_lng, longs), Transient<dbl>(TYPE_dbl, doubles)}) {
-        BAT* d = BBPdescriptor(b);
-        ASSERT_NE(d, nullptr);
-        d->tsorted = d->trevsorted = d->tkey = d->tnonil = 1;
-        BATpropcheck(d);
-        EXPECT_EQ(d->tsorted, k.sorted) << ATOMname(d->ttype);
-        EXPECT_EQ(d->trevsorted, k.revsorted) << ATOMname(d->ttype);
-        EXPECT_EQ(d->tkey, k.key) << ATOMname(d->ttype);
-        EXPECT_EQ(d->tnonil, k.nonil) << ATOMname(d->ttype);
-        BBPreleaseref(b);
-        CVDbat_release(b);
+      const std::pair<const char*, bat> columns[] = {
+          {"lng", Transient<lng>(TYPE_lng, longs)}, {"dbl", Transient<dbl>(TYPE_dbl, doubles)}};
+      for (const auto& [type, b] : columns) {
+        std::optional<Flags> f = CheckedFlags(b);
+        ASSERT_TRUE(f.has_value()) << type;
+        EXPECT_EQ(f->sorted, k.sorted) << type;
+        EXPECT_EQ(f->revsorted, k.revsorted) << type;
+        EXPECT_EQ(f->key, k.key) << type;
+        EXPECT_EQ(f->nonil, k.nonil) << type;
       }
     }
   }
