@@ -15,10 +15,21 @@
 extern "C" {
 #endif
 
-/* Open the farm in `dir`; with create set, make it when it does not exist. A catalog that
- * is missing, truncated or corrupt, or that names missing files, is an error and the farm
+/* Flags of CVDfarm_open. */
+#define CVD_FARM_CREATE 1   /* make the farm when it does not exist, or finish a half-made one
+                               (a directory whose first catalog was never put in place) */
+#define CVD_FARM_READONLY 2 /* a reader: sees the last commit, takes no lock, and never
+                               creates, renames or removes anything in the farm; TMcommit
+                               fails */
+
+/* Open the farm in `dir` with CVD_FARM_* flags (0: open an existing farm for writing). A
+ * writer holds an advisory lock on the farm from open to close: a second writer, in this or
+ * another process, fails at once with a message naming the farm and the holder's process
+ * id, and changes nothing. A writer's open also removes what interrupted commits left
+ * behind ("catalog.new", column files no catalog entry names). A catalog that is missing,
+ * truncated or corrupt, or that names missing or short files, is an error and the farm
  * stays closed. */
-char* CVDfarm_open(const char* dir, int create);
+char* CVDfarm_open(const char* dir, int flags);
 
 /* Drop every BAT from memory without committing and close the farm. */
 void CVDfarm_close(void);
@@ -41,6 +52,19 @@ char* CVDbat_append(bat b, const void* value);
 /* Append n fixed-width values stored contiguously. */
 char* CVDbat_append_n(bat b, const void* values, BUN n);
 
+/* A new persistent BAT of atom type `type` that replaces persistent BAT `target` at the
+ * next commit: from that commit on it carries the target's name and SQL type, and the
+ * target and its files are gone. Until then it is named nowhere (CVDbat_lookup still finds
+ * the target), and a commit that fails, or none, leaves the target as it is. Writing anew
+ * into the replacement's files never touches the committed ones. The caller holds one
+ * logical reference. */
+char* CVDbat_create_replacement(bat target, int type, bat* out);
+
+/* The SQL type of a persistent BAT's column ("decimal(9,2)", "int"), kept by the catalog
+ * from the next commit on; "" when none was set, NULL for a bad id. */
+char* CVDbat_set_sqltype(bat b, const char* sqltype);
+const char* CVDbat_sqltype(bat b);
+
 /* The persistent BAT with this name, or 0. */
 bat CVDbat_lookup(const char* name);
 
@@ -54,9 +78,16 @@ char* CVDbat_filename(bat b, const char* ext, char* buf, size_t len);
 void CVDbat_release(bat b);
 
 /* Test hook: make the next TMcommit fail at step 0 (before any column file), 1 (column
- * files written, before the catalog) or 2 (catalog.new written, before its rename); -1
- * clears it. */
+ * files written, before the catalog), 2 (catalog.new written, before its rename) or 3 (the
+ * farm directory's fsync after the rename); -1 clears it. */
 void CVDfarm_fail_commit(int step);
+
+/* Test hook: the n-th file-system call (open, write, fsync, rename, remove, ...) made by
+ * the next TMcommit, counting from 1, fails with errno `err`; 0 clears it. */
+void CVDfarm_fail_commit_call(int n, int err);
+
+/* File-system calls made by the last TMcommit: lets a test arm each of them in turn. */
+int CVDcommit_call_count(void);
 
 /* Seconds taken by the last TMcommit (0 before the first): *total_s the whole call,
  * *flush_s the part spent making files durable (fsync of the column files and directories,
