@@ -191,6 +191,17 @@ void Chunker<T>::SetPreviousValue(T value, bool is_nil) {
 }
 
 template <typename T>
+void Chunker<T>::SetPreviousValueFrom(const void* stored) {
+  if constexpr (std::is_pointer_v<T>) {
+    (void)stored;  // string columns compare their values, not their stored offsets
+  } else {
+    T v;
+    std::memcpy(&v, stored, sizeof v);
+    SetPreviousValue(v, std::memcmp(&v, GetNilValue(), sizeof v) == 0);
+  }
+}
+
+template <typename T>
 bool Chunker<T>::InsertVals(T* values, int n) {
   bool ok = true;
   for (int i = 0; i < n; ++i) {

@@ -55,6 +55,8 @@ class Chunker : public ChunkerBase {
   virtual const T* GetNilValue() = 0;
   // Seeds the statistics with the last value already in the target column.
   virtual void SetPreviousValue(T value, bool is_nil);
+  // The stored bytes are a T; they are the nil when they equal GetNilValue's.
+  void SetPreviousValueFrom(const void* stored) override;
   // Stores one value and updates the statistics. REQUIRES: !IsChunkFull().
   virtual bool InsertVal(T value) = 0;
   // Stores n values in order, stopping at the first failed InsertVal; true for n < 1,

@@ -64,6 +64,11 @@ class ChunkerBase {
   // Clears the no-nil flag and stores the nil value.
   virtual bool InsertNil() = 0;
 
+  // Seeds the statistics with the last value the target column already holds, given as
+  // the element_size bytes of its tail, so that the flags of an appended column cover the
+  // join of old and new values. Chunkers that keep no statistics ignore it.
+  virtual void SetPreviousValueFrom(const void* stored) { (void)stored; }
+
   int32_t ElementSize() const { return element_size_; }
   bool IsDictCodes() const { return dict_codes_; }
 

@@ -178,6 +178,38 @@ BAT* CIManager::FindWriterBAT(const char* place, BATWriter* writer, bat* id) {
   return b;
 }
 
+bool CIManager::CheckWriterAgainstBAT(BATWriter* writer, const BAT* target) {
+  const auto existing = static_cast<unsigned long long>(writer->GetExistingCount());
+  const auto rows = static_cast<unsigned long long>(target->batCount);
+  if (writer->GetTailKeepExisting()) {
+    if (existing == rows) return true;
+    ReportDetail("CIManager::CopyIntoOneColumn",
+                 "Existing count %llu of file %s differs from the %llu rows of its BAT", existing,
+                 writer->GetFileName(), rows);
+  } else if (existing != 0) {
+    ReportDetail("CIManager::CopyIntoOneColumn",
+                 "Existing count %llu of file %s given to a writer that writes anew", existing,
+                 writer->GetFileName());
+  } else if (rows != 0) {
+    ReportDetail("CIManager::CopyIntoOneColumn",
+                 "Writing file %s anew would destroy the %llu rows of its BAT",
+                 writer->GetFileName(), rows);
+  } else {
+    return true;
+  }
+  return false;
+}
+
+void CIManager::SeedFromTarget(ChunkerBase* description, BATWriter* writer, bat id) {
+  BAT* b = BBPgetdesc(id);
+  if (b == nullptr || !writer->GetTailKeepExisting() || b->batCount == 0 ||
+      b->twidth != description->ElementSize())
+    return;
+  if (b->theap.base == nullptr && BATload_intern(id, 0) == nullptr) return;
+  const void* last = BUNtail(b, b->batCount - 1);
+  if (last != nullptr) description->SetPreviousValueFrom(last);
+}
+
 bool CIManager::ExecuteCopyInto(mvc* context, int result_id) {
   res_table* table = context->results;
   while (table != nullptr && table->id != result_id) table = table->next;
@@ -255,13 +287,22 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
     if (error_ == nullptr && writer != nullptr) {
       std::list<BATWriter*> files;
       writer->RegisterIn(files);
+      // The per-file chunkers pair with the files in step, as UpdateBBPWithGo pairs them.
+      std::list<ChunkerBase*> descriptions;
+      if (chunker != nullptr) chunker->AddToList(descriptions);
+      auto desc = descriptions.size() == files.size() ? descriptions.begin() : descriptions.end();
       for (BATWriter* w : files) {
         if (error_ != nullptr) break;
         bat idx;
         BAT* target = FindWriterBAT("CIManager::CopyIntoOneColumn", w, &idx);
         if (target == nullptr) break;
+        if (!CheckWriterAgainstBAT(w, target)) break;
         bat own = data != nullptr ? data->batCacheid : 0;
         bat own_parent = data != nullptr && data->batParent != 0 ? data->batParent : own;
+        if (desc != descriptions.end()) {
+          if (idx != own && idx != own_parent) SeedFromTarget(*desc, w, idx);
+          ++desc;
+        }
         if (idx != own && idx != own_parent) {
           if (target->theap.base != nullptr) BATfree(target);
           BBPuncacheit(idx, 0);
@@ -269,7 +310,9 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
         }
       }
     }
-    if (writer != nullptr) writer->Open();
+    // A writer opened after an error would still cut its file to what it was told the file
+    // holds when it is destroyed; only a column that passed every check touches its files.
+    if (error_ == nullptr && writer != nullptr) writer->Open();
     if (error_ == nullptr && reader && chunker != nullptr && writer != nullptr)
       FeedColumn(*reader, *chunker, *writer);
   } catch (const char* text) {
@@ -336,12 +379,31 @@ bool CIManager::UpdateBBP(logger* lg) {
     return false;
   }
   for (auto& job : jobs_) UpdateBBPWithGo(*job);
-  OIDnew(1);
-  if (TMcommit() != 0) {
-    column_name_ = "";
-    Report("CIManager::UpdateBBP", "Commit failed");
+  // An export that recorded any error commits nothing: the descriptors it rewrote go back
+  // to what the last commit holds.
+  if (error_ == nullptr) {
+    OIDnew(1);
+    if (TMcommit() != 0) {
+      column_name_ = "";
+      Report("CIManager::UpdateBBP", "Commit failed");
+    }
   }
+  if (error_ != nullptr) RestoreDescriptors();
   return error_ == nullptr;
+}
+
+void CIManager::RestoreDescriptors() {
+  for (const SavedDescriptor& s : saved_) {
+    BAT* b = BBPgetdesc(s.id);
+    if (b == nullptr) continue;
+    *b = s.desc;
+    if (b->tvheap != nullptr) {
+      b->tvheap->free = s.heap_free;
+      b->tvheap->size = s.heap_size;
+    }
+    RefreshColumn(s.id);
+  }
+  saved_.clear();
 }
 
 void CIManager::UpdateBBPWithGo(ColumnJob& job) {
@@ -376,17 +438,22 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
                    "size %d of type %s", d->ElementSize(), width, ATOMname(b->ttype));
       break;
     }
+    saved_.push_back({idx, *b, b->tvheap != nullptr ? b->tvheap->free : 0,
+                      b->tvheap != nullptr ? b->tvheap->size : 0});
     const bool appends = w->GetTailKeepExisting();
     const BUN base = appends ? b->batCount : 0;
+    // The chunker saw the target's last value first, so its flag covers the join; the
+    // rows before it are sorted only if the BAT said so.
+    const bool sorted = d->IsSorted() && (base == 0 || b->tsorted);
     b->batCount = b->batCapacity = base + d->GetValueCount();
     b->theap.free = w->GetTailSize();
     b->theap.size = w->GetTailMappedSize();
     b->twidth = static_cast<uint16_t>(w->GetValueWidth());
     b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
     b->tailRows = b->twidth != 0 ? b->theap.free / b->twidth : 0;
-    // Sorted as the chunker saw the values it was given; every other property is cleared
-    // and left to the host's check when it reloads the BAT.
-    b->tsorted = d->IsSorted() ? 1 : 0;
+    // Every other property is cleared and left to the host's check when it commits and
+    // reloads the BAT.
+    b->tsorted = sorted ? 1 : 0;
     b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
     b->batDirty = b->batDirtydesc = 1;
     b->theap.dirty = 1;

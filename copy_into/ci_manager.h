@@ -68,6 +68,14 @@ class CIManager {
     std::list<bat> rewritten;   // BAT ids whose descriptors were rewritten
   };
 
+  // A descriptor as it was before UpdateBBPWithGo rewrote it, put back when the export
+  // fails before its commit took effect.
+  struct SavedDescriptor {
+    bat id;
+    BAT desc;
+    size_t heap_free, heap_size;  // of the string heap, when there is one
+  };
+
   // The first construction in the process fills the factories' tables.
   CIManager();
   CIManager(const CIManager&) = delete;
@@ -87,6 +95,9 @@ class CIManager {
   bool UpdateBBP(logger* lg);
   // Rewrites the BAT descriptors of one column.
   void UpdateBBPWithGo(ColumnJob& job);
+  // Puts every descriptor rewritten by this export back as it was, so that a failed export
+  // leaves the host exactly at its previous commit.
+  void RestoreDescriptors();
 
   // Attribute lookups: false (with the "GET_COL_ATTR" message recorded) when the attribute
   // is missing or of another size. `line` is the lookup site's diagnostic number.
@@ -114,6 +125,13 @@ class CIManager {
   // The descriptor of the BBP entry of a writer's file (its id in *id), or null after
   // reporting "Didn't find matching BAT for file %s" at `place`.
   BAT* FindWriterBAT(const char* place, BATWriter* writer, bat* id);
+  // False, with a report, when the writer's idea of the rows its file keeps contradicts
+  // the BAT: an append must start behind exactly the BAT's rows, and a file written anew
+  // must not be the file of a BAT that holds rows, or committed values would be lost.
+  bool CheckWriterAgainstBAT(BATWriter* writer, const BAT* target);
+  // Seeds the statistics of `description` with the last value of the BAT its writer
+  // appends to, so that the column's flags cover old and new rows together.
+  void SeedFromTarget(ChunkerBase* description, BATWriter* writer, bat id);
 
  private:
   // Where the current column's name is read from for reports.
@@ -121,6 +139,7 @@ class CIManager {
   mvc* context_ = nullptr;
   Registry registry_;
   std::list<std::unique_ptr<ColumnJob>> jobs_;
+  std::list<SavedDescriptor> saved_;  // descriptors as they were before this export
   std::unique_ptr<ConcurrentQueue> queue_;
   const char* error_ = nullptr;  // null until the first error; then the error buffer
 };

@@ -56,6 +56,8 @@ class BATWriter {
   virtual bool WriteChunk(BATChunk* chunk) = 0;
 
   const char* GetFileName() const { return file_name_; }
+  // Values the column held before this export, as the writer was told.
+  uint64_t GetExistingCount() const { return existing_count_; }
   ConcurrentQueue* GetQueue() const { return queue_; }
 
  protected:
