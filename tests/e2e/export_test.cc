@@ -9,7 +9,6 @@
 
 #include "corvid/mtime.h"
 #include "tests/e2e/e2e_fixture.h"
-#include "writers/mmf/mmf_fault.h"
 
 namespace qopci_test {
 namespace {
@@ -239,35 +238,6 @@ TEST_F(ExportTest, StringAttributeOutlivesTheCallersCopy) {
   delete file;
   ASSERT_EQ(Export(Result({{"s", Column<int>(TYPE_int, {3})}}, DenseOrder(1))), "");
   EXPECT_EQ(Read<int>("s"), std::vector<int>{3});
-}
-
-// Fails each system call of the mapped-file layer in turn during an appending export:
-// every failure is reported and leaves the farm at its previous commit.
-TEST_F(ExportTest, InjectedFileFailuresLoseNothing) {
-  bat target = Target("f", TYPE_int);
-  Fixed("f", target, 0);
-  ASSERT_EQ(Export(Result({{"f", Column<int>(TYPE_int, {1, 2})}}, DenseOrder(2))), "");
-  std::vector<int> expected = {1, 2};
-  const std::string worker_text = "CIManager::UpdateBBP(): : WriterChunkPair::CreateError() : "
-                                  "Can't insert chunk to file [ " + TailFile(target) + " ]";
-  int worker_failures = 0;
-  for (int n = 1; n <= 12; n++) {
-    SCOPED_TRACE("failing call " + std::to_string(n));
-    Fixed("f", target, 0);
-    qopci::MMFInjectFailure(n, ENOSPC);
-    std::string err = Export(Result({{"f", Column<int>(TYPE_int, {3, 4})}}, DenseOrder(2)));
-    qopci::MMFInjectFailure(0, 0);
-    if (err.empty()) {
-      expected.insert(expected.end(), {3, 4});
-    } else {
-      EXPECT_EQ(err.rfind(worker_text, 0), 0u) << err;
-      if (err.find("(Error code 28)") != std::string::npos) worker_failures++;
-    }
-    Reopen();
-    target = CVDbat_lookup("f");
-    ASSERT_EQ(Read<int>("f"), expected);
-  }
-  EXPECT_GT(worker_failures, 0);
 }
 
 }  // namespace
