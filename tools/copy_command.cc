@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <vector>
 
@@ -37,6 +39,18 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
   std::snprintf(line, sizeof line, "exported %llu rows into %zu columns in %.3f s\n",
                 static_cast<unsigned long long>(rows), targets.size(), seconds);
   out << line;
+}
+
+// The library reports a failed write with the errno as a number ("(Error code 27)"); the
+// user is told what the number means.
+std::string WithSystemText(const std::string& text) {
+  static const char kCode[] = "(Error code ";
+  size_t at = text.rfind(kCode);
+  if (at == std::string::npos) return text;
+  char* end = nullptr;
+  long code = std::strtol(text.c_str() + at + sizeof kCode - 1, &end, 10);
+  if (end == nullptr || *end != ')' || code <= 0) return text;
+  return text.substr(0, end - text.c_str()) + ": " + std::strerror(static_cast<int>(code)) + end;
 }
 
 }  // namespace
@@ -82,7 +96,7 @@ Status RunCopy(const CopyOptions& options, std::ostream& out) {
   int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (attempted == 0) return Status::Error("export: no column was registered");
-  if (error != nullptr) return Status::Error(error);  // the library's own buffer: not freed
+  if (error != nullptr) return Status::Error(WithSystemText(error));  // the library's buffer
 
   PrintSummary(manifest, targets, data.rows, seconds, out);
   return Status::OK();

@@ -5,6 +5,7 @@
 //               [--json] [--chunk-size C]
 // Errors go to stderr with exit status 1.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 
@@ -27,6 +28,9 @@ qopci::Status RunInspect(const std::string& farm, const std::string& column, uin
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A write past the file size limit (ulimit -f) then fails with EFBIG and is reported like
+  // any other failed write, instead of killing the process half-way through an export.
+  std::signal(SIGXFSZ, SIG_IGN);
   CLI::App app{"qopci: export query results into column files and read them back"};
   app.require_subcommand(1);
 
