@@ -1,5 +1,5 @@
 // BAT heaps and values: loading from the column files, reading rows (including void and
-// narrow integer tails), property checks and fixed-width appends.
+// narrow integer tails) and fixed-width appends.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -15,6 +15,7 @@
 
 #include "corvid/exception.h"
 #include "corvid/strheap.h"
+#include "fileio.h"
 #include "internal.h"
 
 namespace corvid {
@@ -54,7 +55,7 @@ int64_t LoadSigned(const char* p, int width) {
 
 // Reads `n` bytes of `path` into a new buffer of `alloc` bytes (zero beyond n).
 bool ReadFile(const std::string& path, size_t n, size_t alloc, char** out, std::string* why) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = SysOpen(path.c_str(), O_RDONLY);
   if (fd < 0 && n == 0 && errno == ENOENT) fd = -2;  // nothing to read: a missing file is empty
   if (fd == -1) {
     *why = path + ": " + ErrnoText(errno);
@@ -67,17 +68,20 @@ bool ReadFile(const std::string& path, size_t n, size_t alloc, char** out, std::
     return false;
   }
   size_t got = 0;
+  ssize_t r = 0;
   while (fd >= 0 && got < n) {
-    ssize_t r = ::read(fd, buf + got, n - got);
+    r = SysRead(fd, buf + got, n - got);
     if (r < 0 && errno == EINTR) continue;
     if (r <= 0) break;
     got += static_cast<size_t>(r);
   }
+  const int err = errno;
   if (fd >= 0) ::close(fd);
   if (got < n) {
     std::free(buf);
-    *why = path + ": file holds " + std::to_string(got) + " bytes, the catalog describes " +
-           std::to_string(n);
+    *why = r < 0 ? path + ": " + ErrnoText(err)
+                 : path + ": file holds " + std::to_string(got) + " bytes, the catalog describes " +
+                       std::to_string(n);
     return false;
   }
   *out = buf;
@@ -87,22 +91,28 @@ bool ReadFile(const std::string& path, size_t n, size_t alloc, char** out, std::
 // Maps the first n bytes of path privately (copy-on-write): loading costs no copy, and the
 // page cache the writers just filled serves the reads. Small heaps are read instead.
 bool MapFile(const std::string& path, size_t n, char** out, std::string* why) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = SysOpen(path.c_str(), O_RDONLY);
   if (fd < 0) {
     *why = path + ": " + ErrnoText(errno);
     return false;
   }
   struct stat st;
-  if (::fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_size) < n) {
-    *why = path + ": file holds " + std::to_string(st.st_size) +
-           " bytes, the catalog describes " + std::to_string(n);
+  if (SysFstat(fd, &st) != 0) {
+    *why = path + ": " + ErrnoText(errno);
     ::close(fd);
     return false;
   }
-  void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
+  if (static_cast<uint64_t>(st.st_size) < n) {
+    *why = path + ": file holds " + std::to_string(st.st_size) + " bytes, the catalog describes " +
+           std::to_string(n);
+    ::close(fd);
+    return false;
+  }
+  void* p = SysMmap(n, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd);
+  const int err = errno;
   ::close(fd);
   if (p == MAP_FAILED) {
-    *why = path + ": " + ErrnoText(errno);
+    *why = path + ": " + ErrnoText(err);
     return false;
   }
   *out = static_cast<char*>(p);
@@ -150,13 +160,13 @@ bool LoadHeaps(BAT* b, std::string* why) {
   char* tail = nullptr;
   char* heap = nullptr;
   FreeHeaps(b);
-  if (!LoadHeap(BatPath(b->batCacheid, "tail"), &b->theap,
-                std::max(b->theap.free, b->theap.size), &tail, why))
+  if (!LoadHeap(LoadPath(b->batCacheid, "tail"), &b->theap, std::max(b->theap.free, b->theap.size),
+                &tail, why))
     return false;
   b->theap.base = tail;
   if (b->tvheap) {
     size_t alloc = std::max({b->tvheap->free, b->tvheap->size, size_t{CVD_STRHEAP_HASHAREA}});
-    if (!LoadHeap(BatPath(b->batCacheid, "theap"), b->tvheap, alloc, &heap, why)) {
+    if (!LoadHeap(LoadPath(b->batCacheid, "theap"), b->tvheap, alloc, &heap, why)) {
       ReleaseHeapMemory(&b->theap);
       return false;
     }
@@ -226,29 +236,6 @@ char* AppendFixed(BAT* b, const void* value) {
   return nullptr;
 }
 
-void NoteAppended(BAT* b, BUN first) {
-  const BUN from = first > 0 ? first - 1 : 0;  // the row before the new ones joins them
-  bool sorted = true, revsorted = true, distinct = true, nonil = true;
-  if (!ScanPlainTail(b, from, b->batCount, &sorted, &revsorted, &distinct, &nonil)) {
-    alignas(8) unsigned char s1[8], s2[8];
-    const void* nil = ATOMnil(b->ttype);
-    for (BUN i = from; i < b->batCount; i++) {
-      const void* cur = TailValue(b, i, s1);
-      if (ATOMcmp(b->ttype, cur, nil) == 0) nonil = false;
-      if (i == from) continue;
-      int c = ATOMcmp(b->ttype, TailValue(b, i - 1, s2), cur);
-      if (c > 0) sorted = false;
-      if (c < 0) revsorted = false;
-      if (c == 0) distinct = false;
-    }
-  }
-  if (!nonil) b->tnonil = 0;
-  if (b->batCount - from < 2) return;  // a first row has nothing to be ordered against
-  if (!sorted) b->tsorted = 0;
-  if (!revsorted) b->trevsorted = 0;
-  if (!distinct || (!b->tsorted && !b->trevsorted)) b->tkey = 0;  // unknown is not key
-}
-
 }  // namespace corvid
 
 using corvid::Rec;
@@ -273,48 +260,6 @@ const void* BUNtail(BAT* b, BUN i) {
 
 void BATfree(BAT* b) {
   if (b && b->ttype != TYPE_void) corvid::FreeHeaps(b);
-}
-
-void BATpropcheck(BAT* b) {
-  if (!b || (b->ttype != TYPE_void && !corvid::HeapsLoaded(b))) return;
-  if (!b->tsorted && !b->trevsorted && !b->tkey && !b->tnonil) return;  // nothing to clear
-  const int t = b->ttype;
-  alignas(8) unsigned char s1[8], s2[8];
-  bool sorted = true, revsorted = true, adjacent_distinct = true, nonil = true;
-  const void* nil = ATOMnil(t);
-  if (!corvid::ScanPlainTail(b, 0, b->batCount, &sorted, &revsorted, &adjacent_distinct, &nonil)) {
-    for (BUN i = 0; i < b->batCount; i++) {
-      const void* v = TailValue(b, i, s1);
-      if (!v) return;  // unreadable row: leave the flags alone rather than guess
-      if (ATOMcmp(t, v, nil) == 0) nonil = false;
-      if (i == 0) continue;
-      int c = ATOMcmp(t, TailValue(b, i - 1, s2), TailValue(b, i, s1));
-      if (c > 0) sorted = false;
-      if (c < 0) revsorted = false;
-      if (c == 0) adjacent_distinct = false;
-    }
-  }
-  bool key = adjacent_distinct;
-  if (key && !sorted && !revsorted && b->tkey) {  // only an unordered tail needs the full check
-    std::vector<BUN> rows(b->batCount);
-    for (BUN i = 0; i < b->batCount; i++) rows[i] = i;
-    auto less = [&](BUN x, BUN y) {
-      return ATOMcmp(t, TailValue(b, x, s1), TailValue(b, y, s2)) < 0;
-    };
-    std::sort(rows.begin(), rows.end(), less);
-    for (BUN i = 1; i < rows.size() && key; i++)
-      key = ATOMcmp(t, TailValue(b, rows[i - 1], s1), TailValue(b, rows[i], s2)) != 0;
-  }
-  auto clear = [&](uint8_t* flag, bool holds) {
-    if (*flag && !holds) {
-      *flag = 0;
-      b->batDirtydesc = 1;
-    }
-  };
-  clear(&b->tsorted, sorted);
-  clear(&b->trevsorted, revsorted);
-  clear(&b->tkey, key);
-  clear(&b->tnonil, nonil);
 }
 
 }  // extern "C"

@@ -28,9 +28,9 @@ BatRec* Rec(bat i) {
 BatRec* NewBat(int type, BUN capacity) {
   Kernel& k = K();
   if (k.pool.empty()) k.pool.resize(1);
-  size_t id = 1;
-  while (id < k.pool.size() && k.pool[id]) id++;
-  if (id == k.pool.size()) k.pool.emplace_back();
+  size_t id = 1;  // the lowest free id whose files are not waiting to be removed
+  while ((id < k.pool.size() && k.pool[id]) || k.reserved.count(static_cast<bat>(id))) id++;
+  if (id >= k.pool.size()) k.pool.resize(id + 1);
   auto rec = std::make_unique<BatRec>();
   BAT& b = rec->desc;
   b.batCacheid = static_cast<bat>(id);

@@ -1,19 +1,18 @@
-// The commit: column files first (as ".new" files), then the catalog through
-// "catalog.new" and a rename, which is the moment the commit takes effect; only then do the
-// ".new" column files replace the old ones. A failure or crash before the catalog rename
-// leaves the previous commit as the farm's state.
-#include <cerrno>
-#include <chrono>
-#include <cinttypes>
-#include <cstdio>
-#include <set>
-#include <string>
-#include <vector>
+// The commit. Column files the kernel wrote go to pending files first; the catalog goes to
+// "catalog.new" and is renamed over "catalog" once everything it names is durable, and the
+// farm directory is flushed: that is the moment the commit takes effect. Only then do the
+// pending files replace the old ones. Until the last of these steps has succeeded, the old
+// catalog and the old column files are kept as links, so that any failure puts the farm
+// back to its previous commit; a crash at any instant leaves it at the previous commit or
+// the new one (the next open finishes the renames the catalog marks pending).
+#include "commit.h"
 
-#include "catalog.h"
+#include <chrono>
+#include <cstdio>
+#include <string>
+
 #include "corvid/farm.h"
 #include "fileio.h"
-#include "internal.h"
 #include "logger.h"
 
 namespace corvid {
@@ -25,39 +24,25 @@ using Clock = std::chrono::steady_clock;
 // making files durable (fsync of column files and directories, durable catalog writes).
 double last_total_s = 0;
 double last_flush_s = 0;
-double flush_acc_s = 0;  // flush time of the commit under way
 
 double Since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-bool TimedSync(const std::string& path, std::string* why) {
-  Clock::time_point start = Clock::now();
-  bool ok = SyncPath(path, why);
-  flush_acc_s += Since(start);
-  return ok;
-}
-
-bool TimedWriteDurable(const std::string& path, const char* data, size_t n, std::string* why) {
-  Clock::time_point start = Clock::now();
-  bool ok = WriteDurable(path, data, n, why);
-  flush_acc_s += Since(start);
-  return ok;
-}
-
 // Records the times of one TMcommit on every way out of it.
 class CommitTimer {
  public:
-  CommitTimer() : start_(Clock::now()) { flush_acc_s = 0; }
-  ~CommitTimer() {
-    last_total_s = Since(start_);
-    last_flush_s = flush_acc_s;
-  }
+  CommitTimer() : start_(Clock::now()) {}
+  ~CommitTimer() { last_total_s = Since(start_); }
   CommitTimer(const CommitTimer&) = delete;
   CommitTimer& operator=(const CommitTimer&) = delete;
 
+  // Everything between two marks counts as flushing.
+  void StartFlush() { flush_start_ = Clock::now(); }
+  void EndFlush() { last_flush_s += Since(flush_start_); }
+
  private:
-  Clock::time_point start_;
+  Clock::time_point start_, flush_start_;
 };
 
 bool Faulted(int step) {
@@ -67,57 +52,34 @@ bool Faulted(int step) {
   return true;
 }
 
-struct Pending {
-  std::string path;  // final name; the data sits at path + ".new"
-};
-
-bool WriteHeap(bat id, const char* ext, const Heap& h, std::vector<Pending>* renames,
-               std::string* why) {
-  std::string path = BatPath(id, ext);
-  if (!MakeDirs(DirOf(path), why)) return false;
-  renames->push_back({path});
-  return TimedWriteDurable(path + ".new", h.base, h.free, why);
+int Report(const std::string& why) {
+  std::fprintf(stderr, "#TMcommit: %s\n", why.c_str());
+  return -1;
 }
 
-// Files rewritten outside the kernel are kept as they are, but must hold what the
-// descriptor claims, or the catalog would describe data that is not there.
-bool SyncKept(bat id, const char* ext, size_t need, std::string* why) {
-  std::string path = BatPath(id, ext);
-  size_t size = 0;
-  if (!FileSize(path, &size)) {
-    if (need == 0) return true;
-    *why = path + " is missing";
-    return false;
-  }
-  if (size < need) {
-    *why = path + " holds " + std::to_string(size) + " bytes, the descriptor describes " +
-           std::to_string(need);
-    return false;
-  }
-  return TimedSync(path, why);
+int Fail(CommitPlan* p, const std::string& why) {
+  std::string undo_why;
+  if (!Undo(p, &undo_why))
+    return Report(why + "; the previous commit could not be put back (" + undo_why +
+                  "), so the farm holds the new one");
+  return Report(why);
 }
 
-bool CommitBat(BatRec* r, CatalogEntry* e, std::vector<Pending>* renames, std::string* why) {
-  BAT& b = r->desc;
-  const bool str = b.ttype == TYPE_str;
-  const bool dirty = b.batDirty || b.theap.dirty || (str && b.tvheap->dirty);
-  if ((b.batStatus & BATSTATUS_REWRITTEN) || !HeapsLoaded(&b) || !dirty) {
-    if (!SyncKept(b.batCacheid, "tail", b.theap.free, why)) return false;
-    return !str || SyncKept(b.batCacheid, "theap", b.tvheap->free, why);
+// Files an earlier commit could not remove once it had taken effect.
+bool RemoveLeftovers(std::string* why) {
+  Kernel& k = K();
+  while (!k.leftovers.empty()) {
+    if (!RemoveFile(k.leftovers.back(), why)) return false;
+    k.leftovers.pop_back();
   }
-  if (!WriteHeap(b.batCacheid, "tail", b.theap, renames, why)) return false;
-  e->pending |= kPendingTail;
-  if (str) {
-    if (!WriteHeap(b.batCacheid, "theap", *b.tvheap, renames, why)) return false;
-    e->pending |= kPendingHeap;
-  }
+  k.reserved.clear();
   return true;
 }
 
-int Fail(const std::vector<Pending>& renames, const std::string& why) {
-  for (const Pending& p : renames) std::remove((p.path + ".new").c_str());
-  std::fprintf(stderr, "#TMcommit: %s\n", why.c_str());
-  return -1;
+// Opens's own checks on the catalog text: what fails them must never be written.
+bool CheckText(const Catalog& cat, std::string* why) {
+  Catalog parsed;
+  return ParseCatalog(SerializeCatalog(cat), &parsed, why);
 }
 
 }  // namespace
@@ -128,6 +90,10 @@ using namespace corvid;
 extern "C" {
 
 void CVDfarm_fail_commit(int step) { K().fail_commit_at = step; }
+
+void CVDfarm_fail_commit_call(int n, int err) { ArmCallFault(n, err); }
+
+int CVDcommit_call_count(void) { return LastCallCount(); }
 
 void CVDcommit_times(double* total_s, double* flush_s) {
   if (total_s != nullptr) *total_s = last_total_s;
@@ -144,56 +110,55 @@ oid OIDnew(oid count) {
 
 int TMcommit(void) {
   CommitTimer timer;
+  last_flush_s = 0;
   Kernel& k = K();
-  if (k.farm.empty()) return -1;
-  std::vector<Pending> renames;
+  if (k.farm.empty()) return Report("no farm is open");
+  if (k.read_only) return Report("farm " + k.farm + " is open read-only");
+  CountedCalls counted;
+  CommitPlan plan;
+  CommitPlan* p = &plan;
+  p->cat.generation = k.generation + 1;
+  p->cat.next_oid = k.next_oid;
+  p->catalog = k.farm + "/catalog";
+  p->catalog_new = p->catalog + ".new";
+  p->catalog_backup = p->catalog + ".prev";
   std::string why;
-  Catalog cat;
-  cat.generation = k.generation + 1;
-  cat.next_oid = k.next_oid;
-  if (Faulted(0)) return Fail(renames, "injected failure before the column files");
-  for (size_t i = 1; i < k.pool.size(); i++) {
-    BatRec* r = k.pool[i].get();
-    if (!r || !r->desc.batPersistent) continue;
-    CatalogEntry e;
-    e.desc = r->desc;
-    e.name = r->name;
-    if (r->desc.tvheap) {
-      e.vfree = r->desc.tvheap->free;
-      e.vsize = r->desc.tvheap->size;
-    }
-    if (!CommitBat(r, &e, &renames, &why)) return Fail(renames, why);
-    cat.bats.push_back(std::move(e));
+  if (!RemoveLeftovers(&why)) return Fail(p, why);
+  if (Faulted(0)) return Fail(p, "injected failure before the column files");
+  if (!PlanEntries(p, &why)) return Fail(p, why);
+  if (!CheckText(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
+  timer.StartFlush();
+  if (!WriteColumnFiles(p, &why)) return Fail(p, why);
+  timer.EndFlush();
+  if (!CheckCatalogFiles(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
+  if (!CheckRewrittenFlags(p, &why)) return Fail(p, why);
+  if (Faulted(1)) return Fail(p, "injected failure before the catalog");
+  const std::string text = SerializeCatalog(p->cat);
+  timer.StartFlush();
+  p->wrote_catalog_new = true;
+  if (!WriteDurable(p->catalog_new, text.data(), text.size(), &why)) return Fail(p, why);
+  timer.EndFlush();
+  if (!BackUp(p, &why)) return Fail(p, why);
+  if (Faulted(2)) return Fail(p, "injected failure before the catalog rename");
+  if (!Rename(p->catalog_new, p->catalog, &why)) return Fail(p, why);
+  p->wrote_catalog_new = false;
+  p->renamed_catalog = true;
+  timer.StartFlush();
+  if (Faulted(3)) return Fail(p, "cannot flush " + k.farm + ": injected failure");
+  if (!SyncPath(k.farm, &why)) return Fail(p, why);
+  timer.EndFlush();
+  for (CommitPlan::File& f : p->files) {
+    if (!Rename(f.pending, f.path, &why)) return Fail(p, why);
+    f.renamed = true;
   }
-  std::set<std::string> dirs;
-  for (const Pending& p : renames) dirs.insert(DirOf(p.path));
-  for (const std::string& d : dirs)
-    if (!TimedSync(d, &why)) return Fail(renames, why);
-  if (Faulted(1)) return Fail(renames, "injected failure before the catalog");
-  const std::string text = SerializeCatalog(cat);
-  const std::string catalog = k.farm + "/catalog";
-  if (!TimedWriteDurable(catalog + ".new", text.data(), text.size(), &why))
-    return Fail(renames, why);
-  const bool injected = Faulted(2);
-  if (injected || std::rename((catalog + ".new").c_str(), catalog.c_str()) != 0) {
-    why = injected ? "injected failure" : ErrnoText(errno);
-    std::remove((catalog + ".new").c_str());
-    return Fail(renames, "cannot rename " + catalog + ".new: " + why);
-  }
-  TimedSync(k.farm, &why);
-  // The commit has taken effect; a crash from here on is finished by the next open.
-  for (const Pending& p : renames) std::rename((p.path + ".new").c_str(), p.path.c_str());
-  for (const std::string& d : dirs) TimedSync(d, &why);
-  k.generation = cat.generation;
-  for (size_t i = 1; i < k.pool.size(); i++) {
-    BatRec* r = k.pool[i].get();
-    if (!r || !r->desc.batPersistent) continue;
-    BAT& b = r->desc;
-    b.batDirty = b.batDirtydesc = 0;
-    b.theap.dirty = 0;
-    if (b.tvheap) b.tvheap->dirty = 0;
-    b.batStatus &= ~static_cast<uint32_t>(BATSTATUS_REWRITTEN);
-  }
+  timer.StartFlush();
+  for (const std::string& d : p->dirs)
+    if (!SyncPath(d, &why)) return Fail(p, why);
+  timer.EndFlush();
+  // Nothing can fail the commit from here on.
+  counted.Stop();
+  for (CommitPlan::File& f : p->files) f.written = false;
+  Apply(p);
   LoggerNote(k.lg, "commit generation " + std::to_string(k.generation));
   return 0;
 }

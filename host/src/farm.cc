@@ -1,71 +1,30 @@
-// Opening and closing a farm, and the kernel's own BAT entry points (create, append, look up).
+// The kernel's own BAT entry points: create (and replace), append, SQL types, look up.
 #include "corvid/farm.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstring>
 
 #include "catalog.h"
 #include "corvid/exception.h"
 #include "fileio.h"
 #include "internal.h"
-#include "logger.h"
 
 namespace corvid {
 namespace {
 
-// The column file that holds the committed bytes: the ".new" one when a commit renamed its
-// catalog but not yet the file.
-std::string Effective(bat id, const char* ext, bool pending) {
-  std::string path = BatPath(id, ext);
-  size_t n;
-  if (pending && FileSize(path + ".new", &n)) return path + ".new";
-  return path;
+// A persistent BAT's directory must exist before its first commit: writers outside the
+// kernel create its column files there.
+char* MakeBatDir(const char* place, BatRec* r) {
+  std::string why;
+  if (MakeDirs(DirOf(BatPath(r->desc.batCacheid, "tail")), &why)) return nullptr;
+  DropBat(r->desc.batCacheid);
+  return createException(IO, place, "%s", why.c_str());
 }
 
-char* CheckFiles(const Catalog& c, std::string* why_out) {
-  for (const CatalogEntry& e : c.bats) {
-    const BAT& b = e.desc;
-    struct Need {
-      const char* ext;
-      size_t bytes;
-      int pending_bit;
-    } needs[2] = {{"tail", b.theap.free, kPendingTail}, {"theap", e.vfree, kPendingHeap}};
-    for (int i = 0; i < (b.ttype == TYPE_str ? 2 : 1); i++) {
-      std::string path = Effective(b.batCacheid, needs[i].ext, e.pending & needs[i].pending_bit);
-      size_t size = 0;
-      if (!FileSize(path, &size) && needs[i].bytes > 0)
-        return createException(IO, "CVDfarm_open", "BAT %d (%s): column file %s is missing",
-                               b.batCacheid, e.name.c_str(), path.c_str());
-      if (size < needs[i].bytes)
-        return createException(IO, "CVDfarm_open",
-                               "BAT %d (%s): column file %s holds %zu bytes, the catalog "
-                               "describes %zu",
-                               b.batCacheid, e.name.c_str(), path.c_str(), size, needs[i].bytes);
-    }
-  }
-  (void)why_out;
+char* CheckWritable(const char* place) {
+  Kernel& k = K();
+  if (k.farm.empty()) return createException(MAL, place, "persistent BATs need an open farm");
+  if (k.read_only) return createException(MAL, place, "farm %s is open read-only", k.farm.c_str());
   return nullptr;
-}
-
-// Finishes renames of a commit that stopped after its catalog was in place, and removes the
-// ".new" files of commits that never reached that point.
-void Recover(const Catalog& c) {
-  for (const CatalogEntry& e : c.bats) {
-    const char* exts[2] = {"tail", "theap"};
-    const int bits[2] = {kPendingTail, kPendingHeap};
-    for (int i = 0; i < 2; i++) {
-      std::string path = BatPath(e.desc.batCacheid, exts[i]);
-      size_t n;
-      if (!FileSize(path + ".new", &n)) continue;
-      if (e.pending & bits[i])
-        std::rename((path + ".new").c_str(), path.c_str());
-      else
-        std::remove((path + ".new").c_str());
-    }
-  }
 }
 
 }  // namespace
@@ -75,89 +34,12 @@ using namespace corvid;
 
 extern "C" {
 
-char* CVDfarm_open(const char* dir, int create) {
-  Kernel& k = K();
-  if (!dir || !*dir) return createException(ILLARG, "CVDfarm_open", "no farm directory given");
-  if (!k.farm.empty())
-    return createException(MAL, "CVDfarm_open", "farm %s is already open", k.farm.c_str());
-  std::string farm = dir, why, text;
-  while (farm.size() > 1 && farm.back() == '/') farm.pop_back();
-  const std::string catalog = farm + "/catalog";
-  size_t size;
-  Catalog cat;
-  if (!FileSize(catalog, &size)) {
-    struct stat st;
-    bool fresh = ::stat((farm + "/bat").c_str(), &st) != 0;
-    if (!create || !fresh)
-      return createException(IO, "CVDfarm_open", "catalog %s is missing", catalog.c_str());
-    std::string body = SerializeCatalog(cat);
-    if (!MakeDirs(farm + "/bat", &why) || !MakeDirs(farm + "/log", &why) ||
-        !WriteDurable(catalog, body.data(), body.size(), &why) || !SyncPath(farm, &why))
-      return createException(IO, "CVDfarm_open", "%s", why.c_str());
-  } else if (!ReadWhole(catalog, &text, &why) || !ParseCatalog(text, &cat, &why)) {
-    return createException(IO, "CVDfarm_open", "%s: %s", catalog.c_str(), why.c_str());
-  }
-  k.bat_dir = farm + "/bat";
-  for (const CatalogEntry& e : cat.bats) {
-    if (Rec(e.desc.batCacheid)) {
-      k.bat_dir.clear();
-      return createException(MAL, "CVDfarm_open", "BAT id %d is in use by a transient BAT",
-                             e.desc.batCacheid);
-    }
-  }
-  if (char* err = CheckFiles(cat, &why)) {
-    k.bat_dir.clear();
-    return err;
-  }
-  Recover(cat);
-  for (const CatalogEntry& e : cat.bats) {
-    bat id = e.desc.batCacheid;
-    if (k.pool.size() <= static_cast<size_t>(id)) k.pool.resize(id + 1);
-    auto rec = std::make_unique<BatRec>();
-    rec->desc = e.desc;
-    rec->desc.tailRows = e.desc.theap.free / e.desc.twidth;
-    rec->name = e.name;
-    if (e.desc.ttype == TYPE_str) {
-      rec->vheap.free = e.vfree;
-      rec->vheap.size = e.vsize;
-      rec->vheap.flags = HEAP_STRPREFIX;
-      rec->desc.tvheap = &rec->vheap;
-    }
-    k.pool[id] = std::move(rec);
-  }
-  k.farm = farm;
-  k.generation = cat.generation;
-  k.next_oid = cat.next_oid;
-  k.lg = LoggerOpen(farm + "/log");
-  return nullptr;
-}
-
-void CVDfarm_close(void) {
-  Kernel& k = K();
-  k.pool.clear();
-  WaitForReleases();  // a closed farm holds no memory
-  LoggerClose(k.lg);
-  k.lg = nullptr;
-  k.farm.clear();
-  k.bat_dir.clear();
-  k.generation = 0;
-  k.next_oid = 0;
-}
-
-const char* CVDfarm_dir(void) { return K().farm.empty() ? nullptr : K().farm.c_str(); }
-
-logger* CVDfarm_logger(void) { return K().lg; }
-
 char* CVDbat_create(int type, const char* name, BUN capacity, bat* out) {
   if (type <= TYPE_void || ATOMsize(type) < 0)
     return createException(ILLARG, "CVDbat_create", "cannot make a BAT of type %d", type);
   if (name) {
-    if (K().farm.empty())
-      return createException(MAL, "CVDbat_create", "persistent BAT %s needs an open farm", name);
-    bool ok = *name && std::strlen(name) <= 1024;
-    for (const char* p = name; *p; p++)
-      if (static_cast<unsigned char>(*p) <= ' ' || *p == 0x7f) ok = false;
-    if (!ok)
+    if (char* err = CheckWritable("CVDbat_create")) return err;
+    if (!ValidBatName(name))
       return createException(ILLARG, "CVDbat_create",
                              "BAT name \"%s\" is empty, too long or holds blanks", name);
     if (CVDbat_lookup(name))
@@ -169,13 +51,7 @@ char* CVDbat_create(int type, const char* name, BUN capacity, bat* out) {
   if (name) {
     r->name = name;
     r->desc.batPersistent = 1;
-    // Writers outside the kernel create the column files of a new BAT before its first
-    // commit; its directory must be there for them.
-    std::string why;
-    if (!MakeDirs(DirOf(BatPath(r->desc.batCacheid, "tail")), &why)) {
-      DropBat(r->desc.batCacheid);
-      return createException(IO, "CVDbat_create", "%s", why.c_str());
-    }
+    if (char* err = MakeBatDir("CVDbat_create", r)) return err;
   }
   if (out) *out = r->desc.batCacheid;
   return nullptr;
@@ -256,7 +132,49 @@ bat CVDbat_lookup(const char* name) {
 
 const char* CVDbat_name(bat id) {
   BatRec* r = Rec(id);
-  return r && r->desc.batPersistent ? r->name.c_str() : nullptr;
+  return r && r->desc.batPersistent && !r->name.empty() ? r->name.c_str() : nullptr;
+}
+
+char* CVDbat_create_replacement(bat target, int type, bat* out) {
+  if (char* err = CheckWritable("CVDbat_create_replacement")) return err;
+  BatRec* t = Rec(target);
+  if (!t || !t->desc.batPersistent || t->name.empty())
+    return createException(ILLARG, "CVDbat_create_replacement",
+                           "BAT %d is not a named persistent BAT", target);
+  if (t->replaced_by != 0)
+    return createException(ILLARG, "CVDbat_create_replacement",
+                           "BAT %d (%s) already has a replacement, BAT %d", target, t->name.c_str(),
+                           t->replaced_by);
+  if (type <= TYPE_void || ATOMsize(type) < 0)
+    return createException(ILLARG, "CVDbat_create_replacement", "cannot make a BAT of type %d",
+                           type);
+  BatRec* r = NewBat(type, 0);
+  if (!r) return createException(MAL, "CVDbat_create_replacement", "out of memory");
+  r->lrefs = 1;
+  r->desc.batPersistent = 1;
+  if (char* err = MakeBatDir("CVDbat_create_replacement", r)) return err;
+  r->replaces = target;
+  Rec(target)->replaced_by = r->desc.batCacheid;  // NewBat may have moved the pool
+  if (out) *out = r->desc.batCacheid;
+  return nullptr;
+}
+
+char* CVDbat_set_sqltype(bat id, const char* sqltype) {
+  BatRec* r = Rec(id);
+  if (!r || !r->desc.batPersistent)
+    return createException(ILLARG, "CVDbat_set_sqltype", "BAT %d is not a persistent BAT", id);
+  if (!sqltype || !ValidSqlType(sqltype))
+    return createException(ILLARG, "CVDbat_set_sqltype",
+                           "SQL type of BAT %d is missing, longer than 1024 bytes or holds "
+                           "control characters",
+                           id);
+  r->sqltype = sqltype;
+  return nullptr;
+}
+
+const char* CVDbat_sqltype(bat id) {
+  BatRec* r = Rec(id);
+  return r && r->desc.batPersistent ? r->sqltype.c_str() : nullptr;
 }
 
 char* CVDbat_filename(bat id, const char* ext, char* buf, size_t len) {

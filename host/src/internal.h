@@ -7,12 +7,29 @@
 
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "corvid/gdk.h"
 
 namespace corvid {
+
+// What a check of a BAT's property flags saw. While the BAT still matches it (same rows,
+// sizes and width, no claim beyond the checked ones, not rewritten since), the flags are
+// known to be true and BATpropcheck need not scan the data again.
+struct PropStamp {
+  bool valid = false;
+  BUN count = 0;
+  size_t tail_free = 0, heap_free = 0;
+  uint16_t width = 0;
+  int props = 0;  // PropBits of the checked flags
+
+  void Take(const BAT& b);
+  bool Covers(const BAT& b) const;
+};
+
+int PropBits(const BAT& b);  // sorted 1, revsorted 2, key 4, nonil 8
 
 // One buffer-pool entry: the descriptor plus what the pool itself keeps about it.
 struct BatRec {
@@ -22,11 +39,17 @@ struct BatRec {
   ~BatRec();
 
   BAT desc{};
-  Heap vheap{};       // the string heap; desc.tvheap points here for str BATs
-  std::string name;   // logical name, empty for a transient BAT
-  int lrefs = 0;      // logical references: keep the BAT alive
-  int prefs = 0;      // physical references (fixes): keep its heaps loaded
-  bool cold = false;  // heaps may be unloaded once nobody fixes the BAT
+  Heap vheap{};         // the string heap; desc.tvheap points here for str BATs
+  std::string name;     // logical name; empty for a transient BAT or a pending replacement
+  std::string sqltype;  // SQL type of a persistent BAT's column, "" when none was set
+  bat replaces = 0;     // a replacement: the BAT whose name it takes at the next commit
+  bat replaced_by = 0;  // the pending replacement of this BAT, 0 when none
+  int pending = 0;      // kPending* bits: a read-only farm reads these files from the
+                        // pending copies while the writer's commit has not renamed them
+  PropStamp checked;    // the last check of the property flags
+  int lrefs = 0;        // logical references: keep the BAT alive
+  int prefs = 0;        // physical references (fixes): keep its heaps loaded
+  bool cold = false;    // heaps may be unloaded once nobody fixes the BAT
   alignas(8) unsigned char scratch[8] = {};  // value handed out by BUNtail for computed tails
 };
 
@@ -37,8 +60,15 @@ struct Kernel {
   std::vector<std::unique_ptr<BatRec>> pool;  // indexed by BAT id; slot 0 is never used
   oid next_oid = 0;                           // OIDnew counter, persisted by the commit
   uint64_t generation = 0;                    // commits made to this farm
+  int catalog_version = 0;                    // of the catalog last read or written
   logger* lg = nullptr;
-  int fail_commit_at = -1;  // test hook: fail the commit before step N (see SetCommitFault)
+  bool read_only = false;  // CVD_FARM_READONLY: nothing on disk may change
+  int lock_fd = -1;        // a writer's lock file, held from open to close
+  // Files that a commit could not remove once it had taken effect, and the ids of dropped
+  // BATs among them, which are not handed out again until the files are gone.
+  std::vector<std::string> leftovers;
+  std::set<bat> reserved;
+  int fail_commit_at = -1;  // test hook: fail the commit at step N (CVDfarm_fail_commit)
 };
 
 Kernel& K();
@@ -51,7 +81,10 @@ void DropBat(bat i);  // frees the entry and its memory
 
 std::string Physical(bat i);                  // "07/0734" style name
 std::string BatPath(bat i, const char* ext);  // "<farm>/bat/<physical>.<ext>"
-std::string ErrnoText(int err);               // strerror with the number
+// The file to load BAT i's heap from: BatPath, or in a read-only farm the pending copy that
+// the last commit has not yet renamed into place.
+std::string LoadPath(bat i, const char* ext);
+std::string ErrnoText(int err);  // strerror with the number
 
 // Heaps.
 bool HeapsLoaded(const BAT* b);
@@ -68,11 +101,15 @@ bool IsNarrowInteger(const BAT* b);
 // The property scan of rows [from, to) of a tail whose host order (nil first) is the
 // plain order: signed integers whose nil is the type's smallest value, narrow integer
 // tails, doubles without NaN or -inf. False, scanning nothing, for other tails.
-bool ScanPlainTail(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted,
-                   bool* distinct, bool* nonil);
+bool ScanPlainTail(const BAT* b, BUN from, BUN to, bool* sorted, bool* revsorted, bool* distinct,
+                   bool* nonil);
 // Brings the property flags up to date after rows [first, batCount) were appended, exactly
 // as appending them one by one does.
 void NoteAppended(BAT* b, BUN first);
+// Checks the sorted, revsorted, key and no-nil claims of loaded BAT b against its data and
+// clears the false ones (marking the descriptor dirty). False, changing nothing, when a row
+// cannot be read.
+bool CheckClaims(BAT* b);
 // Unmaps or frees base; base becomes null. Heaps of at least kReleaseLaterBytes are given
 // back on a background thread (reclaim.cc).
 void ReleaseHeapMemory(Heap* h);

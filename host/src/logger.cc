@@ -16,6 +16,7 @@
 struct logger {
   std::string dir;
   uint64_t current = 0;  // number of the current log file; 0 before the first restart
+  bool read_only = false;
 };
 
 namespace corvid {
@@ -39,9 +40,10 @@ std::string LogPath(const logger* lg, uint64_t n) { return lg->dir + "/log." + s
 
 }  // namespace
 
-logger* LoggerOpen(const std::string& dir) {
+logger* LoggerOpen(const std::string& dir, bool read_only) {
   auto* lg = new logger;
   lg->dir = dir;
+  lg->read_only = read_only;
   for (uint64_t n : LogNumbers(dir))
     if (n > lg->current) lg->current = n;
   return lg;
@@ -50,7 +52,7 @@ logger* LoggerOpen(const std::string& dir) {
 void LoggerClose(logger* lg) { delete lg; }
 
 bool LoggerNote(logger* lg, const std::string& line) {
-  if (!lg || lg->current == 0) return true;
+  if (!lg || lg->current == 0 || lg->read_only) return true;
   std::string text, why;
   ReadWhole(LogPath(lg, lg->current), &text, &why);  // a missing file starts empty
   text += line + "\n";
@@ -62,7 +64,7 @@ bool LoggerNote(logger* lg, const std::string& line) {
 extern "C" {
 
 int logger_restart(logger* lg) {
-  if (!lg) return -1;
+  if (!lg || lg->read_only) return -1;
   std::string why;
   const uint64_t next = lg->current + 1;
   char line[128];
@@ -76,7 +78,7 @@ int logger_restart(logger* lg) {
 }
 
 int logger_cleanup(logger* lg) {
-  if (!lg) return -1;
+  if (!lg || lg->read_only) return -1;
   int rc = 0;
   for (uint64_t n : corvid::LogNumbers(lg->dir))
     if (n < lg->current && std::remove(corvid::LogPath(lg, n).c_str()) != 0) rc = -1;

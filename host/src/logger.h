@@ -10,8 +10,10 @@
 
 namespace corvid {
 
-logger* LoggerOpen(const std::string& dir);  // finds the newest log file; never fails
-void LoggerClose(logger* lg);                // frees lg
+// Finds the newest log file; never fails. A read-only logger writes and removes nothing:
+// restart and cleanup fail, notes are dropped.
+logger* LoggerOpen(const std::string& dir, bool read_only);
+void LoggerClose(logger* lg);  // frees lg
 // Appends one line to the current log file (none before the first restart) and flushes it.
 bool LoggerNote(logger* lg, const std::string& line);
 

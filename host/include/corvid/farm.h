@@ -15,20 +15,24 @@
 extern "C" {
 #endif
 
-/* Flags of CVDfarm_open. */
+/* Flags of CVDfarm_open; they exclude each other. */
 #define CVD_FARM_CREATE 1   /* make the farm when it does not exist, or finish a half-made one
-                               (a directory whose first catalog was never put in place) */
-#define CVD_FARM_READONLY 2 /* a reader: sees the last commit, takes no lock, and never
-                               creates, renames or removes anything in the farm; TMcommit
-                               fails */
+                               (a directory whose first catalog was never put in place and
+                               that holds no column files) */
+#define CVD_FARM_READONLY 2 /* a reader: sees the last commit (through the pending files of a
+                               commit whose renames are under way), takes no lock, and never
+                               creates, renames or removes anything in the farm; a half-made
+                               farm reads as an empty one. TMcommit fails, and so does making
+                               a persistent BAT */
 
 /* Open the farm in `dir` with CVD_FARM_* flags (0: open an existing farm for writing). A
- * writer holds an advisory lock on the farm from open to close: a second writer, in this or
- * another process, fails at once with a message naming the farm and the holder's process
- * id, and changes nothing. A writer's open also removes what interrupted commits left
- * behind ("catalog.new", column files no catalog entry names). A catalog that is missing,
- * truncated or corrupt, or that names missing or short files, is an error and the farm
- * stays closed. */
+ * writer holds an advisory lock (flock of "<dir>/lock", which holds its process id) from
+ * before it reads anything until close: a second writer in another process fails at once
+ * with "farm <dir> is locked by another writer (process <pid>)" and changes nothing. A
+ * writer's open also finishes the renames of a commit that took effect, and removes what
+ * interrupted commits and exports left behind ("catalog.new", column files that no catalog
+ * entry names). A catalog that is missing, truncated or corrupt, or that names missing or
+ * short files, is an error: the farm stays closed and its files as they were. */
 char* CVDfarm_open(const char* dir, int flags);
 
 /* Drop every BAT from memory without committing and close the farm. */
@@ -52,16 +56,20 @@ char* CVDbat_append(bat b, const void* value);
 /* Append n fixed-width values stored contiguously. */
 char* CVDbat_append_n(bat b, const void* values, BUN n);
 
-/* A new persistent BAT of atom type `type` that replaces persistent BAT `target` at the
- * next commit: from that commit on it carries the target's name and SQL type, and the
- * target and its files are gone. Until then it is named nowhere (CVDbat_lookup still finds
- * the target), and a commit that fails, or none, leaves the target as it is. Writing anew
- * into the replacement's files never touches the committed ones. The caller holds one
- * logical reference. */
+/* A new persistent BAT of atom type `type` that replaces the named persistent BAT `target`
+ * at the next commit: from that commit on it carries the target's name and SQL type (unless
+ * one was set on it), and the target and its files are gone (the target lives on as a
+ * transient BAT while someone still refers to it). Until then it is named nowhere
+ * (CVDbat_name gives NULL, CVDbat_lookup still finds the target), and a commit that fails,
+ * or none, leaves the target as it is; the next writer's open removes the files of a
+ * replacement that was never committed. Writing into the replacement's files never touches
+ * the committed ones. A BAT has at most one replacement. The caller holds one logical
+ * reference. */
 char* CVDbat_create_replacement(bat target, int type, bat* out);
 
-/* The SQL type of a persistent BAT's column ("decimal(9,2)", "int"), kept by the catalog
- * from the next commit on; "" when none was set, NULL for a bad id. */
+/* The SQL type of a persistent BAT's column ("decimal(9,2)", "timestamp with time zone"):
+ * up to 1024 bytes without control characters, kept by the catalog from the next commit on.
+ * CVDbat_sqltype gives "" when none was set, NULL for a transient BAT or a bad id. */
 char* CVDbat_set_sqltype(bat b, const char* sqltype);
 const char* CVDbat_sqltype(bat b);
 
@@ -79,11 +87,16 @@ void CVDbat_release(bat b);
 
 /* Test hook: make the next TMcommit fail at step 0 (before any column file), 1 (column
  * files written, before the catalog), 2 (catalog.new written, before its rename) or 3 (the
- * farm directory's fsync after the rename); -1 clears it. */
+ * farm directory's fsync after the rename); -1 clears it. A failing commit prints
+ * "#TMcommit: <why>" on stderr and leaves the farm, on disk and in memory, at its previous
+ * commit. */
 void CVDfarm_fail_commit(int step);
 
-/* Test hook: the n-th file-system call (open, write, fsync, rename, remove, ...) made by
- * the next TMcommit, counting from 1, fails with errno `err`; 0 clears it. */
+/* Test hook: the n-th file-system call (open, read, write, fsync, stat, mkdir, link, rename,
+ * remove, mmap) made by the next TMcommit, counting from 1, fails with errno `err`; a
+ * negative `err` ends the process at that call instead (_exit(-err)), leaving the files as a
+ * crash would. n = 0 clears it. Removing what a commit no longer needs, once it has taken
+ * effect, is not counted: it cannot fail the commit. */
 void CVDfarm_fail_commit_call(int n, int err);
 
 /* File-system calls made by the last TMcommit: lets a test arm each of them in turn. */

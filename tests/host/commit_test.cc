@@ -1,0 +1,405 @@
+// The commit under injected faults and crashes at every file-system call, the writer's
+// lock, read-only and half-made farms, replacement BATs and SQL types.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "corvid/farm.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Bytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Every entry under dir: files by their bytes, directories as "dir"; the lock file aside.
+std::map<std::string, std::string> Files(const fs::path& dir) {
+  std::map<std::string, std::string> out;
+  for (const auto& e : fs::recursive_directory_iterator(dir)) {
+    std::string rel = fs::relative(e.path(), dir).string();
+    if (rel != "lock") out[rel] = e.is_directory() ? "dir" : Bytes(e.path());
+  }
+  return out;
+}
+
+// Every entry under dir with its size and modification time, the lock file included.
+std::map<std::string, std::string> Listing(const fs::path& dir) {
+  std::map<std::string, std::string> out;
+  for (const auto& e : fs::recursive_directory_iterator(dir)) {
+    struct stat st;
+    ::stat(e.path().c_str(), &st);
+    out[fs::relative(e.path(), dir).string()] = std::to_string(st.st_size) + "@" +
+                                                std::to_string(st.st_mtim.tv_sec) + "." +
+                                                std::to_string(st.st_mtim.tv_nsec);
+  }
+  return out;
+}
+
+bool HasTemporaries(const fs::path& dir) {
+  for (const auto& [rel, bytes] : Files(dir))
+    if (rel.find(".new") != std::string::npos || rel.find(".prev") != std::string::npos)
+      return true;
+  return false;
+}
+
+std::string Take(char* err) {
+  std::string text = err ? err : "";
+  GDKfree(err);
+  return text;
+}
+
+// Every named BAT of the open farm: name, type, SQL type, flags and values.
+std::string Dump() {
+  std::string out;
+  for (bat i = 1; i < BBPsize(); i++) {
+    const char* name = CVDbat_name(i);
+    if (!name) continue;
+    out +=
+        std::string(name) + " " + ATOMname(BBPgetdesc(i)->ttype) + " [" + CVDbat_sqltype(i) + "]";
+    BAT* b = BBPdescriptor(i);
+    if (!b) {
+      out += " cannot be loaded\n";
+      continue;
+    }
+    out += std::string(b->tsorted ? " sorted" : "") + (b->tkey ? " key" : "") +
+           (b->tnonil ? " nonil" : "") + ":";
+    char* buf = nullptr;
+    size_t len = 0;
+    for (BUN r = 0; r < b->batCount; r++) {
+      ATOMformat(b->ttype, BUNtail(b, r), &buf, &len);
+      out += std::string(" ") + (std::strlen(buf) > 20 ? std::to_string(std::strlen(buf)) : buf);
+    }
+    GDKfree(buf);
+    BBPreleaseref(i);
+    out += "\n";
+  }
+  return out;
+}
+
+// The first commit: counts int [1], words str ["alpha"], prices lng [10, 20] of SQL type
+// "bigint". "" or what went wrong.
+std::string MakeFirstCommit(const std::string& dir) {
+  if (std::string err = Take(CVDfarm_open(dir.c_str(), CVD_FARM_CREATE)); !err.empty()) return err;
+  bat counts = 0, words = 0, prices = 0;
+  const int one = 1;
+  const lng ten = 10, twenty = 20;
+  std::string err = Take(CVDbat_create(TYPE_int, "counts", 0, &counts));
+  err += Take(CVDbat_create(TYPE_str, "words", 0, &words));
+  err += Take(CVDbat_create(TYPE_lng, "prices", 0, &prices));
+  err += Take(CVDbat_append(counts, &one));
+  err += Take(CVDbat_append(words, "alpha"));
+  err += Take(CVDbat_append(prices, &ten));
+  err += Take(CVDbat_append(prices, &twenty));
+  err += Take(CVDbat_set_sqltype(prices, "bigint"));
+  if (err.empty() && TMcommit() != 0) err = "first commit failed";
+  CVDfarm_close();
+  return err;
+}
+
+// What an export does to the open farm: appends to counts, widens words' tail with a long
+// string, and writes a replacement of prices underneath the kernel, as the copy-into library
+// does, claiming sorted, key and no-nil over [3, 1, 2]. Sets *rep to the replacement.
+std::string MakeChanges(bat* rep) {
+  const int two = 2;
+  std::string err = Take(CVDbat_append(CVDbat_lookup("counts"), &two));
+  err += Take(CVDbat_append(CVDbat_lookup("words"), std::string(5000, 'w').c_str()));
+  err += Take(CVDbat_create_replacement(CVDbat_lookup("prices"), TYPE_lng, rep));
+  if (!err.empty()) return err;
+  char path[4096];
+  CVDbat_filename(*rep, "tail", path, sizeof path);
+  const lng values[] = {3, 1, 2};
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(values), sizeof values);
+  BAT* d = BBPgetdesc(*rep);
+  BATfree(d);
+  d->batCount = d->batCapacity = d->tailRows = 3;
+  d->theap.free = d->theap.size = sizeof values;
+  d->tsorted = d->tkey = d->tnonil = 1;
+  d->batDirty = d->batDirtydesc = 1;
+  d->batStatus |= BATSTATUS_REWRITTEN;
+  return Take(CVDbat_set_sqltype(*rep, "decimal(9,2)"));
+}
+
+class CommitTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    dir_ = fs::temp_directory_path() / ("corvid_commit_" + std::to_string(::getpid()) + name);
+    pristine_ = dir_.string() + ".pristine";
+    fs::remove_all(dir_);
+    fs::remove_all(pristine_);
+  }
+  void TearDown() override {
+    CVDfarm_close();
+    fs::remove_all(dir_);
+    fs::remove_all(pristine_);
+  }
+  std::string Open(int flags) { return Take(CVDfarm_open(dir_.c_str(), flags)); }
+  std::string DumpOf(int flags) {
+    std::string err = Open(flags);
+    std::string dump = err.empty() ? Dump() : err;
+    CVDfarm_close();
+    return dump;
+  }
+  // Makes the first commit, keeps a copy of it, and learns both states: before (s0_) and
+  // after (s1_) committing the changes.
+  void Prepare() {
+    ASSERT_EQ(MakeFirstCommit(dir_), "");
+    fs::copy(dir_, pristine_, fs::copy_options::recursive);
+    s0_ = DumpOf(0);
+    ASSERT_EQ(Open(0), "");
+    bat rep;
+    ASSERT_EQ(MakeChanges(&rep), "");
+    ASSERT_EQ(TMcommit(), 0);
+    CVDfarm_close();
+    s1_ = DumpOf(0);
+    ASSERT_EQ(s0_,
+              "counts int [] sorted key nonil: 1\nwords str [] sorted key nonil: alpha\n"
+              "prices lng [bigint] sorted key nonil: 10 20\n");
+    // The replacement took the name and values; its false sorted claim did not survive.
+    ASSERT_EQ(s1_,
+              "counts int [] sorted key nonil: 1 2\nwords str [] sorted key nonil: alpha 5000\n"
+              "prices lng [decimal(9,2)] key nonil: 3 1 2\n");
+  }
+  void Restore() {
+    fs::remove_all(dir_);
+    fs::copy(pristine_, dir_, fs::copy_options::recursive);
+  }
+  fs::path dir_, pristine_;
+  std::string s0_, s1_;
+};
+
+TEST_F(CommitTest, AFailureAtAnyStepLeavesThePreviousCommit) {
+  ASSERT_NO_FATAL_FAILURE(Prepare());
+  const int calls = CVDcommit_call_count();
+  ASSERT_GT(calls, 20);
+  const auto files0 = Files(pristine_);
+  struct Fault {
+    int step;  // CVDfarm_fail_commit step, or -1
+    int call;  // CVDfarm_fail_commit_call number, or 0
+    std::string says;
+  };
+  std::vector<Fault> faults = {{0, 0, "injected failure before the column files"},
+                               {1, 0, "injected failure before the catalog"},
+                               {2, 0, "injected failure before the catalog rename"},
+                               {3, 0, "cannot flush " + dir_.string() + ": injected failure"}};
+  for (int n = 1; n <= calls; n++) faults.push_back({-1, n, "Input/output error (errno 5)"});
+  for (const Fault& f : faults) {
+    SCOPED_TRACE(f.call ? "call " + std::to_string(f.call) : "step " + std::to_string(f.step));
+    Restore();
+    ASSERT_EQ(Open(0), "");
+    bat rep;
+    ASSERT_EQ(MakeChanges(&rep), "");
+    if (f.call)
+      CVDfarm_fail_commit_call(f.call, EIO);
+    else
+      CVDfarm_fail_commit(f.step);
+    ::testing::internal::CaptureStderr();
+    const int rc = TMcommit();
+    const std::string said = ::testing::internal::GetCapturedStderr();
+    ASSERT_NE(rc, 0);
+    EXPECT_EQ(said.rfind("#TMcommit: ", 0), 0u) << said;
+    EXPECT_NE(said.find(f.says), std::string::npos) << said;
+    EXPECT_EQ(said.find("could not be put back"), std::string::npos) << said;
+    // Every file of the previous commit is as it was; only the replacement's own file,
+    // written before the commit, is new.
+    char path[4096];
+    const std::string rep_file =
+        fs::relative(CVDbat_filename(rep, "tail", path, sizeof path), dir_);
+    auto now = Files(dir_);
+    for (const auto& [rel, bytes] : files0) EXPECT_EQ(now[rel], bytes) << rel;
+    for (const auto& [rel, bytes] : now) {
+      if (!files0.count(rel)) {
+        EXPECT_EQ(rel, rep_file);
+      }
+    }
+    EXPECT_FALSE(HasTemporaries(dir_));
+    EXPECT_EQ(CVDbat_name(rep), nullptr);
+    EXPECT_NE(CVDbat_lookup("prices"), rep);
+    ASSERT_EQ(TMcommit(), 0);  // nothing of the failed attempt stands in the way
+    CVDfarm_close();
+    EXPECT_EQ(DumpOf(0), s1_);
+  }
+}
+
+TEST_F(CommitTest, ACrashAtAnyCallLeavesOneCommitOrTheOther) {
+  ASSERT_NO_FATAL_FAILURE(Prepare());
+  bool read_pending = false;  // a reader saw the new commit through its pending files
+  for (int n = 1;; n++) {
+    SCOPED_TRACE("crash at call " + std::to_string(n));
+    Restore();
+    pid_t child = ::fork();
+    if (child == 0) {
+      bat rep;
+      if (!Open(0).empty() || !MakeChanges(&rep).empty()) ::_exit(3);
+      CVDfarm_fail_commit_call(n, -9);
+      ::_exit(TMcommit() == 0 ? 0 : 4);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    const int code = WEXITSTATUS(status);
+    ASSERT_TRUE(code == 9 || code == 0) << code;
+    const auto before = Listing(dir_);
+    const std::string seen = DumpOf(CVD_FARM_READONLY);
+    EXPECT_EQ(Listing(dir_), before);  // the reader changed nothing
+    EXPECT_TRUE(seen == s0_ || seen == s1_) << seen;
+    for (const auto& [rel, what] : before) {
+      if (rel.find(".new") != std::string::npos && rel != "catalog.new" && seen == s1_)
+        read_pending = true;
+    }
+    EXPECT_EQ(DumpOf(0), seen);  // the writer settles on what the reader saw
+    EXPECT_FALSE(HasTemporaries(dir_));
+    if (code == 0) break;
+  }
+  EXPECT_TRUE(read_pending);
+}
+
+TEST_F(CommitTest, ASecondWriterFailsAtOnceAndChangesNothing) {
+  ASSERT_EQ(Open(CVD_FARM_CREATE), "");
+  const auto before = Listing(dir_);
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  pid_t child = ::fork();
+  if (child == 0) {
+    CVDfarm_close();  // the copy of the parent's farm; the parent keeps its lock
+    std::string err = Open(0);
+    ssize_t ignored = ::write(fds[1], err.data(), err.size());
+    (void)ignored;
+    ::_exit(0);
+  }
+  ::close(fds[1]);
+  std::string said;
+  char buf[512];
+  for (ssize_t r; (r = ::read(fds[0], buf, sizeof buf)) > 0;) said.append(buf, r);
+  ::close(fds[0]);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_EQ(said, "MALException:CVDfarm_open:farm " + dir_.string() +
+                      " is locked by another writer (process " + std::to_string(::getpid()) + ")");
+  EXPECT_EQ(Listing(dir_), before);
+  EXPECT_EQ(TMcommit(), 0);  // the holder goes on
+}
+
+TEST_F(CommitTest, HalfMadeFarms) {
+  struct Case {
+    const char* what;
+    std::vector<std::string> files;  // made before the open; a trailing '/' makes a directory
+    int flags;
+    std::string error;  // expected in the open's error; "" for success
+  };
+  const std::string missing = "catalog " + (dir_ / "catalog").string() + " is missing";
+  const Case cases[] = {
+      {"empty directory, create", {}, CVD_FARM_CREATE, ""},
+      {"first catalog never renamed, create", {"catalog.new", "bat/", "log/"}, CVD_FARM_CREATE, ""},
+      {"first catalog never renamed, read-only", {"catalog.new", "bat/00/"}, CVD_FARM_READONLY, ""},
+      {"empty directory, writer", {}, 0, missing},
+      {"column files without a catalog, create",
+       {"bat/00/0001.tail"},
+       CVD_FARM_CREATE,
+       missing + ", and the farm holds column files: not making a new farm over them"},
+      {"column files without a catalog, read-only",
+       {"bat/00/0001.tail"},
+       CVD_FARM_READONLY,
+       missing},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+    for (const std::string& f : c.files) {
+      if (f.back() == '/') {
+        fs::create_directories(dir_ / f);
+      } else {
+        fs::create_directories((dir_ / f).parent_path());
+        std::ofstream(dir_ / f) << "partial";
+      }
+    }
+    const auto before = Listing(dir_);
+    const auto files_before = Files(dir_);
+    std::string err = Open(c.flags);
+    if (!c.error.empty()) {
+      EXPECT_EQ(err, "IOException:CVDfarm_open:" + c.error);
+      EXPECT_EQ(CVDfarm_dir(), nullptr);
+    } else {
+      ASSERT_EQ(err, "");
+      EXPECT_EQ(BBPsize(), 1);
+      ::testing::internal::CaptureStderr();
+      EXPECT_EQ(TMcommit() == 0, c.flags == CVD_FARM_CREATE);
+      std::string said = ::testing::internal::GetCapturedStderr();
+      if (c.flags == CVD_FARM_READONLY) {
+        EXPECT_EQ(said, "#TMcommit: farm " + dir_.string() + " is open read-only\n");
+      }
+      CVDfarm_close();
+    }
+    if (c.flags == CVD_FARM_CREATE && c.error.empty()) {
+      EXPECT_FALSE(fs::exists(dir_ / "catalog.new"));
+      EXPECT_EQ(Open(0), "");
+    } else if (c.flags == CVD_FARM_CREATE) {
+      EXPECT_EQ(Files(dir_), files_before);  // a writer's lock file aside
+    } else {
+      EXPECT_EQ(Listing(dir_), before);
+    }
+    CVDfarm_close();
+  }
+}
+
+// FNV-1a 64, the catalog's checksum.
+std::string Checksummed(const std::string& body) {
+  uint64_t h = 0xcbf29ce484222325ull;
+  for (unsigned char ch : body) h = (h ^ ch) * 0x100000001b3ull;
+  char line[64];
+  std::snprintf(line, sizeof line, "checksum %016" PRIx64 "\n", h);
+  return body + line;
+}
+
+TEST_F(CommitTest, UncommittedReplacementsVanishAndVersionOneCatalogsOpen) {
+  ASSERT_NO_FATAL_FAILURE(Prepare());
+  Restore();
+  ASSERT_EQ(Open(0), "");
+  const bat prices = CVDbat_lookup("prices");
+  bat rep;
+  ASSERT_EQ(MakeChanges(&rep), "");
+  EXPECT_EQ(CVDbat_lookup("prices"), prices);
+  EXPECT_EQ(CVDbat_name(rep), nullptr);
+  char path[4096];
+  const std::string rep_tail = CVDbat_filename(rep, "tail", path, sizeof path);
+  CVDfarm_close();  // without a commit
+  EXPECT_EQ(DumpOf(0), s0_);
+  EXPECT_FALSE(fs::exists(rep_tail));  // the writer's open removed what no catalog names
+
+  // The same farm under a version-1 catalog: no SQL types, one field fewer per BAT.
+  std::string text = Bytes(dir_ / "catalog"), v1;
+  text = text.substr(0, text.rfind("checksum "));
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line == "corvid-catalog 2") line = "corvid-catalog 1";
+    if (line.rfind("bat ", 0) == 0) line = line.substr(0, line.rfind(' '));
+    v1 += line + "\n";
+  }
+  std::ofstream(dir_ / "catalog", std::ios::binary) << Checksummed(v1);
+  std::string want = s0_;
+  want.replace(want.find("[bigint]"), 8, "[]");
+  EXPECT_EQ(DumpOf(CVD_FARM_READONLY), want);
+  ASSERT_EQ(Open(0), "");
+  EXPECT_EQ(Dump(), want);
+  ASSERT_EQ(CVDbat_set_sqltype(CVDbat_lookup("counts"), "timestamp with time zone"), nullptr);
+  ASSERT_EQ(TMcommit(), 0);
+  CVDfarm_close();
+  EXPECT_EQ(Bytes(dir_ / "catalog").rfind("corvid-catalog 2\n", 0), 0u);
+  want.replace(want.find("[]"), 2, "[timestamp with time zone]");
+  EXPECT_EQ(DumpOf(0), want);
+}
+
+}  // namespace
