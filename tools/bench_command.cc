@@ -106,8 +106,8 @@ Status WriteBaseline(const fs::path& dir, const std::vector<uint64_t>& sizes, bo
   Status status;
   auto start = Clock::now();
   for (size_t c = 0; c < sizes.size() && status.ok(); ++c) {
-    paths.push_back((dir / ((sync ? "baseline-fsync-" : "baseline-") + std::to_string(c + 1)))
-                        .string());
+    paths.push_back(
+        (dir / ((sync ? "baseline-fsync-" : "baseline-") + std::to_string(c + 1))).string());
     int fd = ::open(paths.back().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) {
       status = Status::Error("baseline: cannot create " + paths.back() + ": " + strerror(errno));

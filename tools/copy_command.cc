@@ -13,8 +13,8 @@
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/manifest.h"
-#include "tools/session.h"
 #include "tools/result_data.h"
+#include "tools/session.h"
 
 namespace qopci {
 

@@ -13,8 +13,8 @@ Status FromKernel(char* exception) {
   return Status::Error(text);
 }
 
-int TargetAtomType(Encoding encoding) {
-  switch (encoding) {
+int TargetAtomType(const ManifestColumn& column) {
+  switch (column.encoding) {
     case Encoding::kTinyint:
       return TYPE_bte;
     case Encoding::kSmallint:
@@ -26,6 +26,14 @@ int TargetAtomType(Encoding encoding) {
     case Encoding::kDouble:
       return TYPE_dbl;
     case Encoding::kDecimal:
+      switch (DecimalWidth(column.precision)) {
+        case 1:
+          return TYPE_bte;
+        case 2:
+          return TYPE_sht;
+        case 4:
+          return TYPE_int;
+      }
       return TYPE_lng;
     case Encoding::kTimestamp:
       return ATOMindex("timestamp");
@@ -33,6 +41,10 @@ int TargetAtomType(Encoding encoding) {
       return TYPE_oid;
   }
   return -1;
+}
+
+int ResultAtomType(const ManifestColumn& column) {
+  return column.encoding == Encoding::kDecimal ? TYPE_lng : TargetAtomType(column);
 }
 
 std::string TargetName(const Manifest& manifest, const ManifestColumn& column) {
@@ -45,7 +57,7 @@ Status EnsureTargets(const Manifest& manifest, std::vector<TargetColumn>* out) {
   for (size_t i = 0; i < manifest.columns.size(); ++i) {
     const ManifestColumn& c = manifest.columns[i];
     const std::string name = TargetName(manifest, c);
-    int type = TargetAtomType(c.encoding);
+    int type = TargetAtomType(c);
     if (type < 0) return Status::Error("the kernel has no atom type for " + EncodingName(c));
     TargetColumn t;
     t.manifest_index = i;
@@ -96,7 +108,7 @@ Status BuildResultTable(mvc* m, const Manifest& manifest, const ResultData& data
   for (const ResultColumn& c : data.columns) {
     const ManifestColumn& mc = manifest.columns[c.manifest_index];
     bat b = 0;
-    Status s = FromKernel(CVDbat_create(TargetAtomType(mc.encoding), nullptr, data.rows, &b));
+    Status s = FromKernel(CVDbat_create(ResultAtomType(mc), nullptr, data.rows, &b));
     if (!s.ok()) return fail(Status::Error("result column " + mc.name + ": " + s.message()));
     bats.push_back(b);
     if (data.rows > 0) s = FromKernel(CVDbat_append_n(b, c.values.data(), data.rows));

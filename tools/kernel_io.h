@@ -22,8 +22,10 @@ namespace qopci {
 Status FromKernel(char* exception);
 
 // The atom type of the column's target BAT (and of its result BAT, rowid aside), or -1 when
-// the kernel does not know it.
-int TargetAtomType(Encoding encoding);
+// the kernel does not know it. A decimal's target holds the integer type of its storage
+// width (bte, sht, int or lng); its result BAT holds lng (ResultAtomType).
+int TargetAtomType(const ManifestColumn& column);
+int ResultAtomType(const ManifestColumn& column);
 
 // The name of a column's target BAT: "<table>.<column>".
 std::string TargetName(const Manifest& manifest, const ManifestColumn& column);

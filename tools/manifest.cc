@@ -23,8 +23,6 @@ enum : int {
   kWriterType = 4,
   kTailFile = 5,
   kKeepExisting = 6,
-  kChunkerPrecision = 7,
-  kChunkerScale = 8,
   kWriterPrecision = 9,
   kWriterScale = 10,
   kSourceKind = 33,
@@ -218,10 +216,13 @@ const char* SqlTypeName(Encoding encoding) {
 
 std::string EncodingName(const ManifestColumn& column) {
   if (column.encoding == Encoding::kDecimal)
-    return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) +
-           ")";
+    return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) + ")";
   if (column.encoding == Encoding::kRowid) return "rowid";
   return SqlTypeName(column.encoding);
+}
+
+int DecimalWidth(int precision) {
+  return precision <= 2 ? 1 : precision <= 4 ? 2 : precision <= 9 ? 4 : 8;
 }
 
 int ResultWidth(Encoding encoding) {
@@ -264,14 +265,19 @@ std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const Manifest
       code = kCodeUInt;
       source = 1;
       break;
-    case Encoding::kDecimal:
-      chunker = 4;
+    case Encoding::kDecimal: {
+      // The fixed-width chunker of the storage width's integer type keeps every value whole;
+      // the decimal writer picks the same width from the precision.
+      const int width = DecimalWidth(column.precision);
       writer = 7;
-      own = {Attribute::Int(kChunkerPrecision, column.precision),
-             Attribute::Int(kChunkerScale, column.scale),
+      own = {Attribute::Int(kChunkerType, width == 1   ? kCodeChar
+                                          : width == 2 ? kCodeShort
+                                          : width == 4 ? kCodeInt
+                                                       : kCodeInt64),
              Attribute::Int(kWriterPrecision, column.precision),
              Attribute::Int(kWriterScale, column.scale)};
       break;
+    }
     case Encoding::kTimestamp:
       writer = 3;  // 64-bit writer; it takes no type code
       own = {Attribute::Int(kChunkerType, kCodeInt64)};

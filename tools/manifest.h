@@ -63,6 +63,9 @@ const char* SqlTypeName(Encoding encoding);
 // Bytes of one value of this encoding in a result BAT (0 for rowid: it has no result).
 int ResultWidth(Encoding encoding);
 
+// Bytes of one stored value of a decimal of this precision: 1, 2, 4 or 8.
+int DecimalWidth(int precision);
+
 // What the export needs to know of a column's target BAT.
 struct TargetInfo {
   std::string tail_file;   // full path of the target's tail file

@@ -10,6 +10,9 @@ trap 'rm -rf "$(dirname "$farm")"' EXIT
 out=$("$qopci" inspect --farm "$farm" --column trades.row_no --limit 3)
 grep -Eq 'trades\.row_no +oid +6000 ' <<<"$out" || { echo "expected 6000 row ids: $out"; exit 1; }
 grep -q 'trades.row_no: 1, 2, 3' <<<"$out" || { echo "expected row ids 1, 2, 3: $out"; exit 1; }
+out=$("$qopci" inspect --farm "$farm" --column price --limit 2)
+grep -Eq 'trades\.price +int +6000 +4 ' <<<"$out" || { echo "expected int decimals: $out"; exit 1; }
+grep -q 'trades.price: 20149, 4019, ...' <<<"$out" || { echo "expected exact prices: $out"; exit 1; }
 bad=$(dirname "$farm")/bad.csv
 printf 'id,qty,price,fee,ts\n1,2,x,1.5,2013-01-01 00:00:00\n' >"$bad"
 if "$qopci" copy --farm "$farm.bad" --manifest "$examples/trades.json" --csv "$bad" 2>/dev/null; then

@@ -39,12 +39,14 @@ TEST_F(FarmTest, TargetsAreCreatedOnceWithTheEncodingsType) {
   Manifest m = MakeManifest(R"j({"name": "a", "type": "tinyint"}, {"name": "b", "type": "smallint"},
       {"name": "c", "type": "int"}, {"name": "d", "type": "bigint"}, {"name": "e", "type": "double"},
       {"name": "f", "type": "decimal(4,1)"}, {"name": "g", "type": "timestamp"},
-      {"name": "h", "type": "rowid"})j");
+      {"name": "h", "type": "rowid"}, {"name": "j", "type": "decimal(2,2)"},
+      {"name": "k", "type": "decimal(18,3)"})j");
   const int want[] = {
-      TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng, TYPE_dbl, TYPE_lng, ATOMindex("timestamp"), TYPE_oid};
+      TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng, TYPE_dbl, TYPE_sht, ATOMindex("timestamp"),
+      TYPE_oid, TYPE_bte, TYPE_lng};
   std::vector<TargetColumn> targets;
   ASSERT_TRUE(EnsureTargets(m, &targets).ok());
-  ASSERT_EQ(targets.size(), 8u);
+  ASSERT_EQ(targets.size(), 10u);
   for (size_t i = 0; i < targets.size(); ++i) {
     EXPECT_TRUE(targets[i].created);
     EXPECT_EQ(targets[i].id, CVDbat_lookup(("t." + m.columns[i].name).c_str()));
