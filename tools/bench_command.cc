@@ -209,18 +209,12 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
   {
     FarmSession session;
     Status s = session.Open((run_dir / "farm").string());
-    if (!s.ok()) return Status::Error("farm " + (run_dir / "farm").string() + ": " + s.message());
+    if (!s.ok()) return s;
     std::vector<TargetColumn> targets;
-    s = EnsureTargets(manifest, &targets);
+    s = PrepareTargets(manifest, &targets);
     int result_id = 0;
     if (s.ok()) s = BuildResultTable(session.context(), manifest, data, false, &result_id);
-    for (size_t k = 0; k < targets.size() && s.ok(); ++k) {
-      const ManifestColumn& c = manifest.columns[targets[k].manifest_index];
-      TargetInfo info;
-      s = DescribeTarget(targets[k].id, &info);
-      for (const Attribute& a : ColumnAttributes(manifest, c, info, false))
-        if (s.ok()) s = RegisterAttribute(c.name, a);
-    }
+    if (s.ok()) s = RegisterColumns(manifest, targets, false);
     if (!s.ok()) return s;
 
     Settle(warm);

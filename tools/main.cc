@@ -1,5 +1,6 @@
 // qopci: the command-line tool around the copy-into library and the embedded kernel.
 //   qopci copy --farm DIR --manifest FILE (--csv FILE | --generate ROWS) [--single-row] [--sync]
+//              [--replace]
 //   qopci inspect --farm DIR [--column NAME] [--limit N]
 //   qopci bench [--rows N] [--columns SPEC] [--random] [--queued|--sync] [--runs K] [--dir DIR]
 //               [--json] [--chunk-size C]
@@ -47,6 +48,9 @@ int main(int argc, char** argv) {
   gen->excludes(csv);
   copy_cmd->add_flag("--single-row", copy.single_row, "result without an order BAT (one row)");
   copy_cmd->add_flag("--sync", copy.sync, "write every column on the calling thread");
+  copy_cmd->add_flag("--replace", copy.replace,
+                     "replace every column's rows instead of appending to them (a column's "
+                     "\"mode\": \"replace\" does so for one); the type may change");
 
   std::string farm, column;
   uint64_t limit = 10;
