@@ -106,8 +106,8 @@ Status WriteBaseline(const fs::path& dir, const std::vector<uint64_t>& sizes, bo
   Status status;
   auto start = Clock::now();
   for (size_t c = 0; c < sizes.size() && status.ok(); ++c) {
-    paths.push_back((dir / ((sync ? "baseline-fsync-" : "baseline-") + std::to_string(c + 1)))
-                        .string());
+    paths.push_back(
+        (dir / ((sync ? "baseline-fsync-" : "baseline-") + std::to_string(c + 1))).string());
     int fd = ::open(paths.back().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) {
       status = Status::Error("baseline: cannot create " + paths.back() + ": " + strerror(errno));
@@ -209,18 +209,12 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
   {
     FarmSession session;
     Status s = session.Open((run_dir / "farm").string());
-    if (!s.ok()) return Status::Error("farm " + (run_dir / "farm").string() + ": " + s.message());
+    if (!s.ok()) return s;
     std::vector<TargetColumn> targets;
-    s = EnsureTargets(manifest, &targets);
+    s = PrepareTargets(manifest, &targets);
     int result_id = 0;
     if (s.ok()) s = BuildResultTable(session.context(), manifest, data, false, &result_id);
-    for (size_t k = 0; k < targets.size() && s.ok(); ++k) {
-      const ManifestColumn& c = manifest.columns[targets[k].manifest_index];
-      TargetInfo info;
-      s = DescribeTarget(targets[k].id, &info);
-      for (const Attribute& a : ColumnAttributes(manifest, c, info, false))
-        if (s.ok()) s = RegisterAttribute(c.name, a);
-    }
+    if (s.ok()) s = RegisterColumns(manifest, targets, false);
     if (!s.ok()) return s;
 
     Settle(warm);

@@ -1,6 +1,7 @@
 // The copy command: exports a result (a CSV file or generated rows) into the target columns
-// of a farm through the copy-into library's five functions, then prints what the targets
-// hold. A failure before the export leaves the farm as it was: nothing is committed.
+// of a farm through the copy-into library's five functions, appending to each target or
+// replacing it, then prints what the targets hold. A failure before the export's commit
+// leaves the farm as it was: nothing is committed, and a replaced column keeps its rows.
 //
 // Threading: runs on the calling thread; the export writes columns on its own workers.
 #ifndef QOPCI_TOOLS_COPY_COMMAND_H_
@@ -10,6 +11,8 @@
 #include <ostream>
 #include <string>
 
+#include "tools/manifest.h"
+#include "tools/result_data.h"
 #include "tools/status.h"
 
 namespace qopci {
@@ -21,10 +24,17 @@ struct CopyOptions {
   uint64_t generate_rows = 0;
   bool single_row = false;  // result without an order BAT (needs exactly one row)
   bool sync = false;        // write every column on the calling thread
+  bool replace = false;     // replace every column instead of appending to it
 };
 
-// Run one copy and print the per-column summary on `out`.
+// Run one copy from the files `options` names and print the per-column summary on `out`.
 Status RunCopy(const CopyOptions& options, std::ostream& out);
+
+// The copy itself, from a parsed manifest and a loaded result; `options` gives the farm and
+// the flags.
+// REQUIRES: ResolveModes() has run on `manifest`; `data` was loaded for it.
+Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions& options,
+                  std::ostream& out);
 
 }  // namespace qopci
 

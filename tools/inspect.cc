@@ -24,6 +24,50 @@ std::vector<Entry> PersistentBats() {
   return list;
 }
 
+// The type a column holds as its users know it: the recorded SQL type ("decimal(9,2)"), or
+// the kernel's atom name when none is recorded.
+std::string TypeName(bat id, const BAT& b) {
+  const char* sql = CVDbat_sqltype(id);
+  return sql != nullptr && *sql != '\0' ? sql : ATOMname(b.ttype);
+}
+
+// The scale of a column recorded as decimal(p,s) and held as an integer type, or -1.
+int DecimalScale(bat id, const BAT& b) {
+  int p = 0, s = 0;
+  char end = 0;
+  const char* sql = CVDbat_sqltype(id);
+  if (sql == nullptr || std::sscanf(sql, "decimal(%d,%d%c", &p, &s, &end) != 3 || end != ')')
+    return -1;
+  bool integer =
+      b.ttype == TYPE_bte || b.ttype == TYPE_sht || b.ttype == TYPE_int || b.ttype == TYPE_lng;
+  return integer && s >= 0 && s <= 18 ? s : -1;
+}
+
+// An integer value of a decimal column with its scale: 20149 at scale 2 is "201.49".
+std::string FormatDecimal(const BAT& b, const void* v, int scale) {
+  int64_t x = 0;
+  switch (b.ttype) {
+    case TYPE_bte:
+      x = *static_cast<const bte*>(v);
+      break;
+    case TYPE_sht:
+      x = *static_cast<const sht*>(v);
+      break;
+    case TYPE_int:
+      x = *static_cast<const int*>(v);
+      break;
+    default:
+      x = *static_cast<const lng*>(v);
+  }
+  // Digits of |x| without overflow at the lng limits (the lng nil never gets here).
+  uint64_t mag = x < 0 ? 0 - static_cast<uint64_t>(x) : static_cast<uint64_t>(x);
+  std::string digits = std::to_string(mag);
+  if (static_cast<int>(digits.size()) <= scale)
+    digits.insert(0, static_cast<size_t>(scale) + 1 - digits.size(), '0');
+  if (scale > 0) digits.insert(digits.size() - static_cast<size_t>(scale), ".");
+  return x < 0 ? "-" + digits : digits;
+}
+
 bool Matches(const std::string& bat_name, const std::string& wanted) {
   if (bat_name == wanted) return true;
   size_t dot = bat_name.find('.');
@@ -37,6 +81,7 @@ Status PrintValues(std::ostream& out, const Entry& e, uint64_t limit) {
   size_t len = 0;
   Status s;
   out << e.name << ":";
+  const int scale = DecimalScale(e.id, *b);
   BUN n = b->batCount < limit ? b->batCount : limit;
   for (BUN j = 0; j < n; ++j) {
     const void* v = BUNtail(b, j);
@@ -44,7 +89,8 @@ Status PrintValues(std::ostream& out, const Entry& e, uint64_t limit) {
       s = Status::Error("cannot format row " + std::to_string(j) + " of column " + e.name);
       break;
     }
-    out << (j == 0 ? " " : ", ") << buf;
+    const bool plain = scale < 0 || ATOMcmp(b->ttype, v, ATOMnil(b->ttype)) == 0;
+    out << (j == 0 ? " " : ", ") << (plain ? std::string(buf) : FormatDecimal(*b, v, scale));
   }
   if (s.ok() && n < b->batCount) out << (n == 0 ? " ..." : ", ...");
   out << "\n";
@@ -73,7 +119,7 @@ Status PrintFarm(std::ostream& out, const std::string& column, uint64_t limit) {
     return Status::Error("no column named \"" + column + "\" in farm " + CVDfarm_dir());
 
   char line[512];
-  std::snprintf(line, sizeof line, "%5s  %-24s %-10s %12s %5s %23s %23s  %s\n", "id", "name",
+  std::snprintf(line, sizeof line, "%5s  %-24s %-14s %12s %5s %23s %23s  %s\n", "id", "name",
                 "type", "count", "width", "tail bytes used/alloc", "heap bytes used/alloc",
                 "flags");
   out << line;
@@ -83,9 +129,10 @@ Status PrintFarm(std::ostream& out, const std::string& column, uint64_t limit) {
     std::string heap = "-";
     if (b->tvheap != nullptr)
       heap = std::to_string(b->tvheap->free) + "/" + std::to_string(b->tvheap->size);
-    std::snprintf(line, sizeof line, "%5d  %-24s %-10s %12llu %5u %23s %23s  %s\n", e.id,
-                  e.name.c_str(), ATOMname(b->ttype), static_cast<unsigned long long>(b->batCount),
-                  b->twidth, tail.c_str(), heap.c_str(), FlagWords(*b).c_str());
+    std::snprintf(line, sizeof line, "%5d  %-24s %-14s %12llu %5u %23s %23s  %s\n", e.id,
+                  e.name.c_str(), TypeName(e.id, *b).c_str(),
+                  static_cast<unsigned long long>(b->batCount), b->twidth, tail.c_str(),
+                  heap.c_str(), FlagWords(*b).c_str());
     out << line;
   }
   if (shown.empty()) out << "(no columns)\n";

@@ -1,6 +1,8 @@
 // Farm inspection: prints the catalog of an open farm (every persistent BAT with its type,
 // count, width, heap sizes and property flags) and the first values of each column, read
 // back through the kernel's own loading, so that it shows what a later query would see.
+// The type is the column's recorded SQL type when it has one, and a decimal's values are
+// printed with its scale ("201.49"). It only reads: a farm opened read-only will do.
 //
 // Threading: as the kernel's buffer pool: call from the one thread that uses the farm.
 #ifndef QOPCI_TOOLS_INSPECT_H_

@@ -13,8 +13,8 @@ Status FromKernel(char* exception) {
   return Status::Error(text);
 }
 
-int TargetAtomType(Encoding encoding) {
-  switch (encoding) {
+int TargetAtomType(const ManifestColumn& column) {
+  switch (column.encoding) {
     case Encoding::kTinyint:
       return TYPE_bte;
     case Encoding::kSmallint:
@@ -26,6 +26,14 @@ int TargetAtomType(Encoding encoding) {
     case Encoding::kDouble:
       return TYPE_dbl;
     case Encoding::kDecimal:
+      switch (DecimalWidth(column.precision)) {
+        case 1:
+          return TYPE_bte;
+        case 2:
+          return TYPE_sht;
+        case 4:
+          return TYPE_int;
+      }
       return TYPE_lng;
     case Encoding::kTimestamp:
       return ATOMindex("timestamp");
@@ -35,51 +43,83 @@ int TargetAtomType(Encoding encoding) {
   return -1;
 }
 
+int ResultAtomType(const ManifestColumn& column) {
+  return column.encoding == Encoding::kDecimal ? TYPE_lng : TargetAtomType(column);
+}
+
 std::string TargetName(const Manifest& manifest, const ManifestColumn& column) {
   return manifest.table + "." + column.name;
 }
 
-Status EnsureTargets(const Manifest& manifest, std::vector<TargetColumn>* out) {
-  out->clear();
-  std::vector<int> types;
-  for (size_t i = 0; i < manifest.columns.size(); ++i) {
-    const ManifestColumn& c = manifest.columns[i];
-    const std::string name = TargetName(manifest, c);
-    int type = TargetAtomType(c.encoding);
-    if (type < 0) return Status::Error("the kernel has no atom type for " + EncodingName(c));
-    TargetColumn t;
-    t.manifest_index = i;
-    t.id = CVDbat_lookup(name.c_str());
-    if (t.id != 0) {
-      const BAT* b = BBPgetdesc(t.id);
-      if (b == nullptr) return Status::Error("column " + name + " is listed but has no BAT");
-      if (b->ttype != type)
-        return Status::Error("column " + name + " exists with type " + ATOMname(b->ttype) +
-                             ", the manifest asks for " + EncodingName(c) + " (" + ATOMname(type) +
-                             ")");
-    }
-    types.push_back(type);
-    out->push_back(t);
+namespace {
+
+// Appending keeps the rows' meaning only when the farm holds them as the manifest's type.
+Status CheckAppendType(const std::string& name, const ManifestColumn& column, bat id) {
+  const BAT* b = BBPgetdesc(id);
+  if (b == nullptr) return Status::Error("column " + name + " is listed but has no BAT");
+  const char* recorded = CVDbat_sqltype(id);
+  const std::string wanted = EncodingName(column);
+  std::string held;
+  if (recorded != nullptr && *recorded != '\0') {
+    if (wanted == recorded) return Status::OK();
+    held = recorded;
+  } else {
+    if (b->ttype == TargetAtomType(column)) return Status::OK();
+    held = ATOMname(b->ttype);
   }
-  for (size_t k = 0; k < out->size(); ++k) {
-    TargetColumn& t = (*out)[k];
-    if (t.id != 0) continue;
-    const std::string name = TargetName(manifest, manifest.columns[t.manifest_index]);
-    Status s = FromKernel(CVDbat_create(types[k], name.c_str(), 0, &t.id));
-    if (!s.ok()) return Status::Error("cannot create column " + name + ": " + s.message());
-    t.created = true;
-  }
+  return Status::Error("column " + name + " is " + held + " in the farm, the manifest asks for " +
+                       wanted + "; use --replace to change it");
+}
+
+Status TailFile(bat id, std::string* out) {
+  char path[4096];
+  if (CVDbat_filename(id, "tail", path, sizeof path) == nullptr)
+    return Status::Error("no tail file name for BAT " + std::to_string(id));
+  *out = path;
   return Status::OK();
 }
 
-Status DescribeTarget(bat target, TargetInfo* out) {
-  const BAT* b = BBPgetdesc(target);
-  if (b == nullptr) return Status::Error("no BAT " + std::to_string(target));
-  char path[4096];
-  if (CVDbat_filename(target, "tail", path, sizeof path) == nullptr)
-    return Status::Error("no tail file name for BAT " + std::to_string(target));
-  out->tail_file = path;
-  out->existing_count = static_cast<int64_t>(b->batCount);
+}  // namespace
+
+Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) {
+  out->clear();
+  for (size_t i = 0; i < manifest.columns.size(); ++i) {
+    const ManifestColumn& c = manifest.columns[i];
+    const std::string name = TargetName(manifest, c);
+    if (TargetAtomType(c) < 0)
+      return Status::Error("the kernel has no atom type for " + EncodingName(c));
+    TargetColumn t;
+    t.manifest_index = i;
+    bat existing = CVDbat_lookup(name.c_str());
+    t.info.replace = c.mode == Mode::kReplace;
+    t.info.new_file = existing == 0 || t.info.replace;
+    t.info.existing_count = 0;
+    if (existing != 0 && !t.info.replace) {
+      Status s = CheckAppendType(name, c, existing);
+      if (s.ok()) s = TailFile(existing, &t.info.tail_file);
+      if (!s.ok()) return s;
+      t.id = existing;
+      t.info.existing_count = static_cast<int64_t>(BBPgetdesc(existing)->batCount);
+    } else {
+      t.replaced = existing;
+    }
+    Status s = CheckTargetOverrides(name, c, t.info);
+    if (!s.ok()) return s;
+    out->push_back(t);
+  }
+  for (TargetColumn& t : *out) {
+    if (!t.info.new_file) continue;
+    const ManifestColumn& c = manifest.columns[t.manifest_index];
+    const std::string name = TargetName(manifest, c);
+    Status s =
+        FromKernel(t.replaced != 0 ? CVDbat_create_replacement(t.replaced, TargetAtomType(c), &t.id)
+                                   : CVDbat_create(TargetAtomType(c), name.c_str(), 0, &t.id));
+    if (!s.ok()) return Status::Error("cannot make column " + name + ": " + s.message());
+    t.created = t.replaced == 0;
+    s = FromKernel(CVDbat_set_sqltype(t.id, EncodingName(c).c_str()));
+    if (s.ok()) s = TailFile(t.id, &t.info.tail_file);
+    if (!s.ok()) return Status::Error("column " + name + ": " + s.message());
+  }
   return Status::OK();
 }
 
@@ -96,7 +136,7 @@ Status BuildResultTable(mvc* m, const Manifest& manifest, const ResultData& data
   for (const ResultColumn& c : data.columns) {
     const ManifestColumn& mc = manifest.columns[c.manifest_index];
     bat b = 0;
-    Status s = FromKernel(CVDbat_create(TargetAtomType(mc.encoding), nullptr, data.rows, &b));
+    Status s = FromKernel(CVDbat_create(ResultAtomType(mc), nullptr, data.rows, &b));
     if (!s.ok()) return fail(Status::Error("result column " + mc.name + ": " + s.message()));
     bats.push_back(b);
     if (data.rows > 0) s = FromKernel(CVDbat_append_n(b, c.values.data(), data.rows));

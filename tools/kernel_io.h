@@ -1,7 +1,8 @@
 // Kernel I/O: what the tool asks of the embedded kernel around an export: the persistent
-// target BAT of every manifest column, and the result table that holds a loaded result as
-// transient BATs in a client context. Together with ResultData these build "a result table
-// from a manifest and its rows", which copy (and any timing harness) drives the export with.
+// target BAT of every manifest column (found and checked, made, or replaced), and the result
+// table that holds a loaded result as transient BATs in a client context. Together with
+// ResultData these build "a result table from a manifest and its rows", which copy (and any
+// timing harness) drives the export with.
 //
 // Threading: as the kernel's buffer pool: call from the one thread that uses the farm.
 #ifndef QOPCI_TOOLS_KERNEL_IO_H_
@@ -12,6 +13,7 @@
 
 #include "corvid/gdk.h"
 #include "corvid/sql.h"
+#include "tools/column_attributes.h"
 #include "tools/manifest.h"
 #include "tools/result_data.h"
 #include "tools/status.h"
@@ -22,26 +24,30 @@ namespace qopci {
 Status FromKernel(char* exception);
 
 // The atom type of the column's target BAT (and of its result BAT, rowid aside), or -1 when
-// the kernel does not know it.
-int TargetAtomType(Encoding encoding);
+// the kernel does not know it. A decimal's target holds the integer type of its storage
+// width (bte, sht, int or lng); its result BAT holds lng (ResultAtomType).
+int TargetAtomType(const ManifestColumn& column);
+int ResultAtomType(const ManifestColumn& column);
 
 // The name of a column's target BAT: "<table>.<column>".
 std::string TargetName(const Manifest& manifest, const ManifestColumn& column);
 
 struct TargetColumn {
   size_t manifest_index = 0;  // the column in Manifest::columns
-  bat id = 0;
-  bool created = false;  // made by this run; it joins the catalog at the next commit
+  bat id = 0;                 // the BAT the export writes
+  bat replaced = 0;           // the committed BAT that `id` replaces at the commit, or 0
+  bool created = false;       // made by this run; it joins the catalog at the next commit
+  TargetInfo info;            // id's tail file and the rows the export keeps
 };
 
-// Find or create the persistent target BAT of every manifest column. An existing BAT of
-// another type is an error, checked for all columns before any BAT is created.
-// REQUIRES: a farm is open.
-Status EnsureTargets(const Manifest& manifest, std::vector<TargetColumn>* out);
-
-// The tail file and current row count of a target BAT.
-// REQUIRES: a farm is open and `target` is a persistent BAT.
-Status DescribeTarget(bat target, TargetInfo* out);
+// Find, check and then make the target of every manifest column, in manifest order. An
+// existing target is appended to when its type (the recorded SQL type, or the atom type
+// when none is recorded) is the manifest's, and is otherwise refused; a replaced one gets a
+// replacement BAT of the manifest's type that takes its place at the commit. Every BAT made
+// here records the manifest's type as its SQL type. All checks (types, raw attributes 5 and
+// 38) run for every column before anything is made.
+// REQUIRES: a farm is open for writing; ResolveModes() has run on `manifest`.
+Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out);
 
 // Load `data` into transient BATs and push a result table holding them on m->results;
 // *result_id receives its id. The table's order BAT lists rows 0 .. rows-1, or is absent

@@ -1,10 +1,12 @@
 // qopci: the command-line tool around the copy-into library and the embedded kernel.
 //   qopci copy --farm DIR --manifest FILE (--csv FILE | --generate ROWS) [--single-row] [--sync]
+//              [--replace]
 //   qopci inspect --farm DIR [--column NAME] [--limit N]
 //   qopci bench [--rows N] [--columns SPEC] [--random] [--queued|--sync] [--runs K] [--dir DIR]
 //               [--json] [--chunk-size C]
 // Errors go to stderr with exit status 1.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 
@@ -27,6 +29,9 @@ qopci::Status RunInspect(const std::string& farm, const std::string& column, uin
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A write past the file size limit (ulimit -f) then fails with EFBIG and is reported like
+  // any other failed write, instead of killing the process half-way through an export.
+  std::signal(SIGXFSZ, SIG_IGN);
   CLI::App app{"qopci: export query results into column files and read them back"};
   app.require_subcommand(1);
 
@@ -43,6 +48,9 @@ int main(int argc, char** argv) {
   gen->excludes(csv);
   copy_cmd->add_flag("--single-row", copy.single_row, "result without an order BAT (one row)");
   copy_cmd->add_flag("--sync", copy.sync, "write every column on the calling thread");
+  copy_cmd->add_flag("--replace", copy.replace,
+                     "replace every column's rows instead of appending to them (a column's "
+                     "\"mode\": \"replace\" does so for one); the type may change");
 
   std::string farm, column;
   uint64_t limit = 10;

@@ -14,36 +14,7 @@ namespace {
 
 using nlohmann::json;
 
-// Attribute numbers the export reads for every column.
-enum : int {
-  kChunkerKind = 0,
-  kWriterKind = 1,
-  kChunkSize = 2,
-  kChunkerType = 3,
-  kWriterType = 4,
-  kTailFile = 5,
-  kKeepExisting = 6,
-  kChunkerPrecision = 7,
-  kChunkerScale = 8,
-  kWriterPrecision = 9,
-  kWriterScale = 10,
-  kSourceKind = 33,
-  kQueued = 34,
-  kCompressed = 36,
-  kExistingCount = 38,
-  kTimestampConversion = 50,
-  kMaxAttribute = 50,
-};
-
-// Simple type codes of the fixed-width chunkers and writers.
-enum : int {
-  kCodeInt = 0,
-  kCodeUInt = 1,
-  kCodeChar = 2,
-  kCodeShort = 4,
-  kCodeInt64 = 6,
-  kCodeDouble = 8
-};
+constexpr int kMaxAttribute = 50;  // attribute numbers run from 0
 
 std::string ColumnPrefix(const std::string& name) { return "manifest: column \"" + name + "\": "; }
 
@@ -139,6 +110,18 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column) {
     return Status::Error(ColumnPrefix(column->name) + "\"type\" must be a string");
   Status s = ParseType(j["type"].get<std::string>(), column);
   if (!s.ok()) return s;
+  if (j.contains("mode")) {
+    const json& mode = j["mode"];
+    std::string text = mode.is_string() ? mode.get<std::string>() : mode.dump();
+    if (text == "append" || text == "replace") {
+      column->mode = text == "append" ? Mode::kAppend : Mode::kReplace;
+      column->mode_given = true;
+    } else {
+      return Status::Error(ColumnPrefix(column->name) + "unknown mode " +
+                           (mode.is_string() ? "\"" + text + "\"" : text) +
+                           " (known: append, replace)");
+    }
+  }
   if (j.contains("attributes")) return ParseOverrides(j["attributes"], column);
   return Status::OK();
 }
@@ -218,10 +201,13 @@ const char* SqlTypeName(Encoding encoding) {
 
 std::string EncodingName(const ManifestColumn& column) {
   if (column.encoding == Encoding::kDecimal)
-    return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) +
-           ")";
+    return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) + ")";
   if (column.encoding == Encoding::kRowid) return "rowid";
   return SqlTypeName(column.encoding);
+}
+
+int DecimalWidth(int precision) {
+  return precision <= 2 ? 1 : precision <= 4 ? 2 : precision <= 9 ? 4 : 8;
 }
 
 int ResultWidth(Encoding encoding) {
@@ -237,81 +223,6 @@ int ResultWidth(Encoding encoding) {
     default:
       return 8;
   }
-}
-
-std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const ManifestColumn& column,
-                                        const TargetInfo& target, bool force_sync) {
-  // Plain fixed-width columns: chunker and writer kind 0 over one simple type code.
-  int chunker = 0, writer = 0, source = 0, code = -1;
-  std::vector<Attribute> own;
-  switch (column.encoding) {
-    case Encoding::kTinyint:
-      code = kCodeChar;
-      break;
-    case Encoding::kSmallint:
-      code = kCodeShort;
-      break;
-    case Encoding::kInt:
-      code = kCodeInt;
-      break;
-    case Encoding::kBigint:
-      code = kCodeInt64;
-      break;
-    case Encoding::kDouble:
-      code = kCodeDouble;
-      break;
-    case Encoding::kRowid:
-      code = kCodeUInt;
-      source = 1;
-      break;
-    case Encoding::kDecimal:
-      chunker = 4;
-      writer = 7;
-      own = {Attribute::Int(kChunkerPrecision, column.precision),
-             Attribute::Int(kChunkerScale, column.scale),
-             Attribute::Int(kWriterPrecision, column.precision),
-             Attribute::Int(kWriterScale, column.scale)};
-      break;
-    case Encoding::kTimestamp:
-      writer = 3;  // 64-bit writer; it takes no type code
-      own = {Attribute::Int(kChunkerType, kCodeInt64)};
-      break;
-  }
-  if (code >= 0) own = {Attribute::Int(kChunkerType, code), Attribute::Int(kWriterType, code)};
-
-  std::vector<Attribute> attrs = {
-      Attribute::Int(kChunkerKind, chunker),
-      Attribute::Int(kWriterKind, writer),
-      Attribute::Int(kChunkSize, manifest.chunk_size),
-      Attribute::Str(kTailFile, target.tail_file),
-      Attribute::Int(kKeepExisting, 1),
-      Attribute::Int(kSourceKind, source),
-      Attribute::Int(kQueued, manifest.queued && !force_sync ? 1 : 0),
-      Attribute::Int(kCompressed, 0),
-      Attribute::Lng(kExistingCount, target.existing_count),
-      Attribute::Int(kTimestampConversion, 0),
-  };
-  attrs.insert(attrs.end(), own.begin(), own.end());
-
-  for (const Attribute& o : column.overrides) {
-    Attribute a = o;
-    if (a.kind != Attribute::kStr) {
-      // An override keeps the size the encoding registers that number with; a new number
-      // is an int when its value fits in 32 bits.
-      bool was_lng = false, known = false;
-      for (const Attribute& e : attrs)
-        if (e.number == a.number && e.kind != Attribute::kStr) {
-          known = true;
-          was_lng = e.kind == Attribute::kLng;
-        }
-      bool fits = a.value >= std::numeric_limits<int32_t>::min() &&
-                  a.value <= std::numeric_limits<int32_t>::max();
-      a.kind = (known ? was_lng : !fits) ? Attribute::kLng : Attribute::kInt;
-      if (a.kind == Attribute::kInt && !fits) a.kind = Attribute::kLng;
-    }
-    attrs.push_back(a);
-  }
-  return attrs;
 }
 
 }  // namespace qopci

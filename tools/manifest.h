@@ -1,7 +1,7 @@
 // Manifest: the JSON description of an export's target table: its name, chunk size, whether
-// columns are written through the work queue, and for every target column its encoding and
-// any raw attribute overrides. ColumnAttributes() turns one column into the numbered
-// attributes that the copy-into library reads.
+// columns are written through the work queue, and for every target column its encoding,
+// whether the export appends to it or replaces it, and any raw attribute overrides
+// (column_attributes.h turns a column into the numbered attributes the library reads).
 //
 // Threading: plain values and pure functions; safe from any thread.
 #ifndef QOPCI_TOOLS_MANIFEST_H_
@@ -17,6 +17,9 @@ namespace qopci {
 
 // How a target column is encoded on disk; each has its own attribute set.
 enum class Encoding { kTinyint, kSmallint, kInt, kBigint, kDouble, kDecimal, kTimestamp, kRowid };
+
+// What an export does with the rows a target already holds.
+enum class Mode { kAppend, kReplace };
 
 // One numbered column attribute, of one of the three kinds the add calls take.
 struct Attribute {
@@ -37,6 +40,8 @@ struct ManifestColumn {
   Encoding encoding = Encoding::kInt;
   int precision = 0;                 // decimal only
   int scale = 0;                     // decimal only
+  Mode mode = Mode::kAppend;         // after ResolveModes(): --replace and raw 6 = 0 included
+  bool mode_given = false;           // "mode" was written in the manifest
   std::vector<Attribute> overrides;  // "attributes", applied after the encoding's own
 };
 
@@ -54,7 +59,8 @@ Status ParseManifest(const std::string& json_text, Manifest* out);
 // Read and parse the manifest file at `path`.
 Status LoadManifest(const std::string& path, Manifest* out);
 
-// The manifest spelling of a column's encoding ("decimal(9,2)").
+// The manifest spelling of a column's encoding ("decimal(9,2)"), which is also the SQL type
+// recorded for its target.
 std::string EncodingName(const ManifestColumn& column);
 
 // The SQL type name a result column of this encoding carries ("int", "decimal", ...).
@@ -63,17 +69,8 @@ const char* SqlTypeName(Encoding encoding);
 // Bytes of one value of this encoding in a result BAT (0 for rowid: it has no result).
 int ResultWidth(Encoding encoding);
 
-// What the export needs to know of a column's target BAT.
-struct TargetInfo {
-  std::string tail_file;   // full path of the target's tail file
-  int64_t existing_count;  // rows the target already holds; the export appends behind them
-};
-
-// Every attribute the column registers, in registration order: the encoding's own set,
-// then the manifest's raw overrides (a later entry for the same number wins).
-// With force_sync the column is written on the calling thread whatever the manifest says.
-std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const ManifestColumn& column,
-                                        const TargetInfo& target, bool force_sync);
+// Bytes of one stored value of a decimal of this precision: 1, 2, 4 or 8.
+int DecimalWidth(int precision);
 
 }  // namespace qopci
 

@@ -13,8 +13,8 @@ FarmSession::~FarmSession() {
   if (open_) CVDfarm_close();
 }
 
-Status FarmSession::Open(const std::string& dir) {
-  Status s = FromKernel(CVDfarm_open(dir.c_str(), 1));
+Status FarmSession::Open(const std::string& dir, int flags) {
+  Status s = FromKernel(CVDfarm_open(dir.c_str(), flags));
   open_ = s.ok();
   if (s.ok()) context_ = mvc_create();
   if (s.ok() && context_ == nullptr) return Status::Error("cannot create a client context");
@@ -38,6 +38,18 @@ Status RegisterAttribute(const std::string& column, const Attribute& a) {
     return Status::Error("column " + column + ", attribute " + std::to_string(a.number) + ": " +
                          s.message());
   return s;
+}
+
+Status RegisterColumns(const Manifest& manifest, const std::vector<TargetColumn>& targets,
+                       bool force_sync) {
+  for (const TargetColumn& t : targets) {
+    const ManifestColumn& c = manifest.columns[t.manifest_index];
+    for (const Attribute& a : ColumnAttributes(manifest, c, t.info, force_sync)) {
+      Status s = RegisterAttribute(c.name, a);
+      if (!s.ok()) return s;
+    }
+  }
+  return Status::OK();
 }
 
 }  // namespace qopci

@@ -29,48 +29,71 @@ class FarmTest : public ::testing::Test {
   Manifest MakeManifest(const std::string& columns) {
     Manifest m;
     Status s = ParseManifest(R"({"table": "t", "columns": [)" + columns + "]}", &m);
+    if (s.ok()) s = ResolveModes(&m, false);
     EXPECT_TRUE(s.ok()) << s.message();
     return m;
   }
   std::string dir_;
 };
 
-TEST_F(FarmTest, TargetsAreCreatedOnceWithTheEncodingsType) {
+TEST_F(FarmTest, TargetsAreCreatedOnceWithTheirTypeAndCheckedOnAppend) {
   Manifest m = MakeManifest(R"j({"name": "a", "type": "tinyint"}, {"name": "b", "type": "smallint"},
       {"name": "c", "type": "int"}, {"name": "d", "type": "bigint"}, {"name": "e", "type": "double"},
       {"name": "f", "type": "decimal(4,1)"}, {"name": "g", "type": "timestamp"},
-      {"name": "h", "type": "rowid"})j");
+      {"name": "h", "type": "rowid"}, {"name": "j", "type": "decimal(2,2)"},
+      {"name": "k", "type": "decimal(18,3)"})j");
   const int want[] = {
-      TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng, TYPE_dbl, TYPE_lng, ATOMindex("timestamp"), TYPE_oid};
+      TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng, TYPE_dbl, TYPE_sht, ATOMindex("timestamp"),
+      TYPE_oid, TYPE_bte, TYPE_lng};
   std::vector<TargetColumn> targets;
-  ASSERT_TRUE(EnsureTargets(m, &targets).ok());
-  ASSERT_EQ(targets.size(), 8u);
+  ASSERT_TRUE(PrepareTargets(m, &targets).ok());
+  ASSERT_EQ(targets.size(), 10u);
   for (size_t i = 0; i < targets.size(); ++i) {
+    SCOPED_TRACE(m.columns[i].name);
     EXPECT_TRUE(targets[i].created);
     EXPECT_EQ(targets[i].id, CVDbat_lookup(("t." + m.columns[i].name).c_str()));
-    EXPECT_EQ(BBPgetdesc(targets[i].id)->ttype, want[i]) << m.columns[i].name;
+    EXPECT_EQ(BBPgetdesc(targets[i].id)->ttype, want[i]);
+    EXPECT_EQ(CVDbat_sqltype(targets[i].id), EncodingName(m.columns[i]));
   }
   lng three[] = {1, 2, 3};
   ASSERT_TRUE(FromKernel(CVDbat_append_n(targets[3].id, three, 3)).ok());
+  bat old = 0;  // a column from before SQL types were recorded: only its atom type is known
+  ASSERT_TRUE(FromKernel(CVDbat_create(TYPE_lng, "t.old", 0, &old)).ok());
   ASSERT_EQ(TMcommit(), 0);
 
   // A later run finds the committed targets and appends behind their rows.
   CVDfarm_close();
   ASSERT_TRUE(FromKernel(CVDfarm_open(dir_.c_str(), 0)).ok());
   std::vector<TargetColumn> again;
-  ASSERT_TRUE(EnsureTargets(m, &again).ok());
+  ASSERT_TRUE(PrepareTargets(m, &again).ok());
   EXPECT_FALSE(again[3].created);
-  TargetInfo info;
-  ASSERT_TRUE(DescribeTarget(again[3].id, &info).ok());
-  EXPECT_EQ(info.existing_count, 3);
+  EXPECT_EQ(again[3].info.existing_count, 3);
   char path[4096];
-  EXPECT_EQ(info.tail_file, CVDbat_filename(again[3].id, "tail", path, sizeof path));
+  EXPECT_EQ(again[3].info.tail_file, CVDbat_filename(again[3].id, "tail", path, sizeof path));
 
-  // A type clash is refused before any other target is made.
-  Manifest clash = MakeManifest(R"({"name": "new", "type": "int"}, {"name": "d", "type": "int"})");
-  Status s = EnsureTargets(clash, &again);
-  EXPECT_EQ(s.message(), "column t.d exists with type lng, the manifest asks for int (int)");
-  EXPECT_EQ(CVDbat_lookup("t.new"), 0);
+  // A type that differs in name, width, precision or scale is refused before any other
+  // target is made.
+  const struct {
+    std::string column, error;
+  } clashes[] = {
+      {R"({"name": "d", "type": "int"})", "t.d is bigint in the farm, the manifest asks for int"},
+      {R"({"name": "d", "type": "rowid"})",
+       "t.d is bigint in the farm, the manifest asks for rowid"},
+      {R"j({"name": "f", "type": "decimal(4,2)"})j",
+       "t.f is decimal(4,1) in the farm, the manifest asks for decimal(4,2)"},
+      {R"j({"name": "f", "type": "decimal(3,1)"})j",
+       "t.f is decimal(4,1) in the farm, the manifest asks for decimal(3,1)"},
+      {R"j({"name": "old", "type": "decimal(9,2)"})j",
+       "t.old is lng in the farm, the manifest asks for decimal(9,2)"},
+      {R"({"name": "old", "type": "bigint"})", ""},
+  };
+  for (const auto& c : clashes) {
+    Manifest clash = MakeManifest(R"({"name": "new", "type": "int"}, )" + c.column);
+    Status s = PrepareTargets(clash, &again);
+    EXPECT_EQ(s.message(),
+              c.error.empty() ? "" : "column " + c.error + "; use --replace to change it");
+    EXPECT_EQ(CVDbat_lookup("t.new") != 0, c.error.empty()) << c.column;
+  }
 }
 
 TEST_F(FarmTest, ResultTableHoldsTheLoadedColumns) {
@@ -116,7 +139,7 @@ TEST_F(FarmTest, InspectPrintsCatalogAndValues) {
   Manifest m =
       MakeManifest(R"j({"name": "a", "type": "int"}, {"name": "ts", "type": "timestamp"})j");
   std::vector<TargetColumn> targets;
-  ASSERT_TRUE(EnsureTargets(m, &targets).ok());
+  ASSERT_TRUE(PrepareTargets(m, &targets).ok());
   ResultData data;
   ASSERT_TRUE(GenerateRows(m, 4, &data).ok());
   for (size_t c = 0; c < 2; ++c)

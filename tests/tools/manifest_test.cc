@@ -4,6 +4,8 @@
 
 #include <map>
 
+#include "tools/column_attributes.h"
+
 namespace qopci {
 namespace {
 
@@ -39,8 +41,11 @@ TEST(ManifestTest, EachEncodingRegistersItsAttributeSet) {
       {"int", {{0, 0}, {1, 0}, {3, 0}, {4, 0}, {33, 0}}, {7, 9}},
       {"bigint", {{0, 0}, {1, 0}, {3, 6}, {4, 6}, {33, 0}}, {7, 9}},
       {"double", {{0, 0}, {1, 0}, {3, 8}, {4, 8}, {33, 0}}, {7, 9}},
-      {"decimal(9,2)", {{0, 4}, {1, 7}, {7, 9}, {8, 2}, {9, 9}, {10, 2}, {33, 0}}, {3, 4}},
-      {"DECIMAL( 18 , 0 )", {{0, 4}, {1, 7}, {7, 18}, {8, 0}, {9, 18}, {10, 0}}, {3, 4}},
+      // Decimals: the fixed-width chunker of the storage width's type, the decimal writer.
+      {"decimal(2,1)", {{0, 0}, {1, 7}, {3, 2}, {9, 2}, {10, 1}, {33, 0}}, {4, 7, 8}},
+      {"decimal(4,4)", {{0, 0}, {1, 7}, {3, 4}, {9, 4}, {10, 4}}, {4, 7, 8}},
+      {"decimal(9,2)", {{0, 0}, {1, 7}, {3, 0}, {9, 9}, {10, 2}, {33, 0}}, {4, 7, 8}},
+      {"DECIMAL( 10 , 0 )", {{0, 0}, {1, 7}, {3, 6}, {9, 10}, {10, 0}}, {4, 7, 8}},
       {"timestamp", {{0, 0}, {1, 3}, {3, 6}, {33, 0}}, {4, 7}},
       {"rowid", {{0, 0}, {1, 0}, {3, 1}, {4, 1}, {33, 1}}, {7, 9}},
   };
@@ -119,6 +124,8 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
        "manifest: column \"c\": attribute \"51\" is not a number from 0 to 50"},
       {R"({"table": "t", "columns": [{"name": "c", "type": "int", "attributes": {"3": 1.5}}]})",
        "manifest: column \"c\": attribute \"3\" must be an integer or a string"},
+      {R"({"table": "t", "columns": [{"name": "c", "type": "int", "mode": "upsert"}]})",
+       "manifest: column \"c\": unknown mode \"upsert\" (known: append, replace)"},
   };
   for (const auto& c : cases) {
     Manifest m;
@@ -126,6 +133,74 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
     EXPECT_FALSE(s.ok()) << c.json;
     EXPECT_EQ(s.message(), c.error) << c.json;
   }
+}
+
+// What the tool registers for attributes 5, 6 and 38 of a column, given its manifest entry,
+// --replace, and the rows its committed target holds (-1: no target yet); or the refusal.
+std::string Plan(const std::string& column_json, bool replace_all, int64_t rows) {
+  Manifest m;
+  Status s = ParseManifest(R"({"table": "t", "columns": [)" + column_json + "]}", &m);
+  if (s.ok()) s = ResolveModes(&m, replace_all);
+  if (!s.ok()) return s.message();
+  const ManifestColumn& c = m.columns[0];
+  TargetInfo target{"/f/bat/07.tail", rows, false, false};
+  if (rows < 0 || c.mode == Mode::kReplace) target = {"", 0, c.mode == Mode::kReplace, true};
+  s = CheckTargetOverrides("t.c", c, target);
+  if (!s.ok()) return s.message();
+  if (target.new_file) target.tail_file = "/f/bat/09.tail";  // made once the checks passed
+  std::map<int, Attribute> attrs;
+  for (const Attribute& a : ColumnAttributes(m, c, target, false)) attrs[a.number] = a;
+  return attrs[5].text + " 6=" + std::to_string(attrs[6].value) +
+         " 38=" + std::to_string(attrs[38].value);
+}
+
+TEST(ColumnAttributesTest, ModesAndRawAttributesAgreeOrAreRefused) {
+  const std::string c = R"({"name": "c", "type": "int")";
+  const std::string kAppend5 = "/f/bat/07.tail 6=1 38=5", kFresh = "/f/bat/09.tail 6=0 38=0";
+  const struct {
+    std::string json;
+    bool replace_all;
+    int64_t rows;
+    std::string want;
+  } cases[] = {
+      {c + "}", false, 5, kAppend5},
+      {c + R"(, "mode": "append"})", false, -1, "/f/bat/09.tail 6=1 38=0"},
+      {c + "}", true, 5, kFresh},
+      {c + R"(, "mode": "replace"})", false, 5, kFresh},
+      {c + R"(, "mode": "append"})", true, 5, kFresh},         // --replace is for every column
+      {c + R"(, "attributes": {"6": 0}})", false, 5, kFresh},  // raw 6 = 0 is replace mode
+      {c + R"(, "attributes": {"38": 5, "5": "/f/bat/07.tail"}})", false, 5, kAppend5},
+      {c + R"(, "attributes": {"6": 0, "38": 5}})", false, 5,
+       "manifest: column \"c\": attribute 38 = 5 contradicts attribute 6 = 0: a file written "
+       "anew keeps no rows; leave attribute 38 out"},
+      {c + R"(, "attributes": {"38": 0}})", false, 5,
+       "column t.c: attribute 38 = 0 contradicts the 5 rows the column holds, behind which the "
+       "export appends; leave attribute 38 out"},
+      {c + R"(, "attributes": {"38": 3}})", false, -1,
+       "column t.c: attribute 38 = 3 contradicts the 0 rows the column holds, behind which the "
+       "export appends; leave attribute 38 out"},
+      {c + R"(, "attributes": {"38": 5}})", true, 5,
+       "manifest: column \"c\": attribute 38 = 5 contradicts --replace: a replaced column keeps "
+       "no rows; leave attribute 38 out"},
+      {c + R"(, "mode": "replace", "attributes": {"6": 1}})", false, 5,
+       "manifest: column \"c\": attribute 6 = 1 (keep the rows) contradicts mode \"replace\": a "
+       "replaced column keeps no rows; leave attribute 6 out"},
+      {c + R"(, "mode": "append", "attributes": {"6": 0}})", false, 5,
+       "manifest: column \"c\": attribute 6 = 0 (write anew) contradicts mode \"append\"; use "
+       "mode \"replace\""},
+      {c + R"(, "attributes": {"5": "/f/bat/08.tail"}})", false, 5,
+       "column t.c: attribute 5 names /f/bat/08.tail, not the column's tail file /f/bat/07.tail; "
+       "leave attribute 5 out"},
+      {c + R"(, "mode": "replace", "attributes": {"5": "/f/bat/07.tail"}})", false, 5,
+       "column t.c: attribute 5 names /f/bat/07.tail, but the export writes this column into a "
+       "new file that it makes; leave attribute 5 out"},
+      {c + R"(, "attributes": {"5": 7}})", false, 5,
+       "manifest: column \"c\": attribute 5 (the tail file) must be a string"},
+      {c + R"(, "attributes": {"6": "no"}})", false, 5,
+       "manifest: column \"c\": attribute 6 must be an integer"},
+  };
+  for (const auto& k : cases)
+    EXPECT_EQ(Plan(k.json, k.replace_all, k.rows), k.want) << k.json << " " << k.replace_all;
 }
 
 }  // namespace

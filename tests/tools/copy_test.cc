@@ -1,0 +1,205 @@
+// The copy command through the real plugin and kernel: what a farm holds after appends and
+// replacements, read back through the kernel and through inspect.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "corvid/farm.h"
+#include "tools/column_attributes.h"
+#include "tools/copy_command.h"
+#include "tools/inspect.h"
+#include "tools/kernel_io.h"
+
+namespace qopci {
+namespace {
+
+namespace fs = std::filesystem;
+
+class CopyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/qopci_tool_copyXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    options_.farm = dir_ + "/farm";
+  }
+  void TearDown() override {
+    CVDfarm_fail_commit(-1);
+    fs::remove_all(dir_);
+  }
+
+  // One copy of `csv` into table t, the manifest's columns given as JSON.
+  Status Copy(const std::string& columns, const std::string& csv, bool replace = false) {
+    Manifest m;
+    Status s = ParseManifest(R"({"table": "t", "columns": [)" + columns + "]}", &m);
+    if (s.ok()) s = ResolveModes(&m, replace);
+    std::istringstream in(csv);
+    ResultData data;
+    if (s.ok()) s = LoadCsv(m, &in, nullptr, &data);
+    summary_.str("");
+    return s.ok() ? CopyResult(m, &data, options_, summary_) : s;
+  }
+
+  // The values line inspect prints for column t.<name> ("t.c: 1, 2"), read from a farm
+  // opened as a reader.
+  std::string Values(const std::string& name, uint64_t limit = 100) {
+    if (!FromKernel(CVDfarm_open(options_.farm.c_str(), CVD_FARM_READONLY)).ok()) return "?";
+    std::ostringstream out;
+    Status s = PrintFarm(out, "t." + name, limit);
+    CVDfarm_close();
+    if (!s.ok()) return s.message();
+    std::string text = out.str();
+    size_t at = text.find("\nt." + name + ":");
+    return at == std::string::npos ? text : text.substr(at + 1, text.find('\n', at + 1) - at - 1);
+  }
+
+  // Every file of the farm with its bytes.
+  std::map<std::string, std::string> Files() {
+    std::map<std::string, std::string> files;
+    for (const auto& e : fs::recursive_directory_iterator(options_.farm)) {
+      if (!e.is_regular_file()) continue;
+      std::ifstream in(e.path(), std::ios::binary);
+      std::ostringstream bytes;
+      bytes << in.rdbuf();
+      files[e.path().string()] = bytes.str();
+    }
+    return files;
+  }
+
+  std::string dir_;
+  CopyOptions options_;
+  std::ostringstream summary_;
+};
+
+// The text of a decimal(p,s) value with `int_digits` digits of `d` before the point and all
+// s digits after it `f`: Text(2, '9', 1, '9') is "99.9".
+std::string Text(int int_digits, char d, int s, char f) {
+  std::string t = int_digits > 0 ? std::string(int_digits, d) : "0";
+  return s > 0 ? t + "." + std::string(s, f) : t;
+}
+
+// The negative value nearest zero at scale s: "-0.01" at scale 2.
+std::string Tiny(int s) { return s > 0 ? "-0." + std::string(s - 1, '0') + "1" : "-1"; }
+
+TEST_F(CopyTest, DecimalsSurviveAtEveryPrecision) {
+  // Per precision p, at scale p/2: the largest and smallest values, zero, the negative value
+  // nearest zero, and nil; stored whole at the width the precision needs.
+  std::string columns, header, rows[5];
+  for (int p = 1; p <= 18; ++p) {
+    const int s = p / 2;
+    const std::string name = "d" + std::to_string(p);
+    columns += (p > 1 ? ", " : "") + std::string("{\"name\": \"") + name +
+               "\", \"type\": \"decimal(" + std::to_string(p) + "," + std::to_string(s) + ")\"}";
+    header += (p > 1 ? "," : "") + name;
+    const std::string cells[5] = {Text(p - s, '9', s, '9'), "-" + Text(p - s, '9', s, '9'),
+                                  Text(0, '0', s, '0'), Tiny(s), ""};
+    for (int r = 0; r < 5; ++r) rows[r] += (p > 1 ? "," : "") + cells[r];
+  }
+  std::string csv = header + "\n";
+  for (const std::string& r : rows) csv += r + "\n";
+  ASSERT_TRUE(Copy(columns, csv).ok()) << Copy(columns, csv).message();
+
+  ASSERT_TRUE(FromKernel(CVDfarm_open(options_.farm.c_str(), CVD_FARM_READONLY)).ok());
+  std::map<int, std::string> printed;
+  for (int p = 1; p <= 18; ++p) {
+    SCOPED_TRACE(p);
+    const std::string name = "t.d" + std::to_string(p);
+    const bat id = CVDbat_lookup(name.c_str());
+    BAT* b = BBPdescriptor(id);
+    ASSERT_NE(b, nullptr);
+    const int width = p <= 2 ? 1 : p <= 4 ? 2 : p <= 9 ? 4 : 8;
+    const int type = width == 1   ? TYPE_bte
+                     : width == 2 ? TYPE_sht
+                     : width == 4 ? TYPE_int
+                                  : TYPE_lng;
+    EXPECT_EQ(b->ttype, type);
+    EXPECT_EQ(b->twidth, width);
+    ASSERT_EQ(b->batCount, 5u);
+    int64_t max = 1;
+    for (int k = 0; k < p; ++k) max *= 10;
+    --max;
+    const int64_t want[4] = {max, -max, 0, -1};
+    for (int r = 0; r < 5; ++r) {
+      const void* v = BUNtail(b, r);
+      int64_t got = width == 1   ? *static_cast<const bte*>(v)
+                    : width == 2 ? *static_cast<const sht*>(v)
+                    : width == 4 ? *static_cast<const int*>(v)
+                                 : *static_cast<const lng*>(v);
+      if (r < 4) {
+        EXPECT_EQ(got, want[r]) << "row " << r;
+      } else {
+        EXPECT_EQ(ATOMcmp(type, v, ATOMnil(type)), 0) << "nil row holds " << got;
+      }
+    }
+    BBPreleaseref(id);
+    std::ostringstream out;
+    ASSERT_TRUE(PrintFarm(out, name, 5).ok());
+    printed[p] = out.str();
+  }
+  CVDfarm_close();
+  for (int p = 1; p <= 18; ++p) {
+    const int s = p / 2;
+    const std::string max = Text(p - s, '9', s, '9');
+    const std::string line = "t.d" + std::to_string(p) + ": " + max + ", -" + max + ", " +
+                             Text(0, '0', s, '0') + ", " + Tiny(s) + ", nil\n";
+    EXPECT_NE(printed[p].find(line), std::string::npos) << line << printed[p];
+    const std::string type = "decimal(" + std::to_string(p) + "," + std::to_string(s) + ")";
+    EXPECT_NE(printed[p].find(" " + type + " "), std::string::npos) << printed[p];
+  }
+}
+
+TEST_F(CopyTest, AppendWithAnotherPrecisionIsRefusedAndChangesNothing) {
+  const std::string price = R"j({"name": "price", "type": "decimal(9,2)"})j";
+  ASSERT_TRUE(Copy(price, "price\n201.49\n-0.05\n").ok());
+  const auto before = Files();
+  Status s = Copy(R"j({"name": "price", "type": "decimal(10,2)"})j", "price\n1.00\n");
+  EXPECT_EQ(s.message(),
+            "column t.price is decimal(9,2) in the farm, the manifest asks for decimal(10,2); use "
+            "--replace to change it");
+  EXPECT_EQ(Files(), before);
+  EXPECT_EQ(Values("price"), "t.price: 201.49, -0.05");
+}
+
+TEST_F(CopyTest, ReplaceSwapsTheColumnAtTheCommitOnly) {
+  const std::string old_columns = R"({"name": "a", "type": "int"}, {"name": "b", "type": "int"})";
+  ASSERT_TRUE(Copy(old_columns, "a,b\n1,10\n2,20\n3,30\n").ok());
+  ASSERT_TRUE(FromKernel(CVDfarm_open(options_.farm.c_str(), CVD_FARM_READONLY)).ok());
+  char path[4096];
+  const std::string old_tail = CVDbat_filename(CVDbat_lookup("t.a"), "tail", path, sizeof path);
+  CVDfarm_close();
+
+  // A replacement of another type whose commit fails leaves the old column as it was.
+  const std::string new_columns =
+      R"j({"name": "a", "type": "decimal(4,1)", "mode": "replace"}, {"name": "b", "type": "int"})j";
+  CVDfarm_fail_commit(1);
+  EXPECT_EQ(Copy(new_columns, "a,b\n1.5,40\n").message(),
+            "CIManager::UpdateBBP(): : Commit failed");
+  CVDfarm_fail_commit(-1);
+  EXPECT_EQ(Values("a"), "t.a: 1, 2, 3");
+  EXPECT_EQ(Values("b"), "t.b: 10, 20, 30");
+
+  // Committed, it takes the old column's place; the other column is appended to.
+  ASSERT_TRUE(Copy(new_columns, "a,b\n1.5,40\n-0.5,50\n").ok());
+  const std::string summary = summary_.str();
+  EXPECT_NE(summary.find("t.a                      decimal(4,1)   replaced             2"),
+            std::string::npos)
+      << summary;
+  EXPECT_NE(summary.find("t.b                      int            appended             5"),
+            std::string::npos)
+      << summary;
+  EXPECT_EQ(Values("a"), "t.a: 1.5, -0.5");
+  EXPECT_EQ(Values("b"), "t.b: 10, 20, 30, 40, 50");
+  EXPECT_FALSE(fs::exists(old_tail)) << old_tail;
+
+  // --replace replaces every column.
+  ASSERT_TRUE(Copy(new_columns, "a,b\n9.9,60\n", /*replace=*/true).ok());
+  EXPECT_EQ(Values("a"), "t.a: 9.9");
+  EXPECT_EQ(Values("b"), "t.b: 60");
+}
+
+}  // namespace
+}  // namespace qopci

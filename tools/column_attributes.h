@@ -1,0 +1,47 @@
+// Column attributes: the numbered attributes one manifest column registers with the
+// copy-into library, and the checks that refuse raw attributes which would make the export
+// write something else than the column's rows: a fresh file behind a hole, committed rows
+// overwritten, another file than the target's.
+//
+// Threading: plain values and pure functions; safe from any thread.
+#ifndef QOPCI_TOOLS_COLUMN_ATTRIBUTES_H_
+#define QOPCI_TOOLS_COLUMN_ATTRIBUTES_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/manifest.h"
+#include "tools/status.h"
+
+namespace qopci {
+
+// Settle every column's mode: replace with `replace_all` (copy --replace), with "mode":
+// "replace", or with a raw attribute 6 = 0; append otherwise. Refuses raw attributes 5, 6
+// and 38 of the wrong kind, and those that contradict the mode or each other, naming the
+// column and the attribute. Needs no farm.
+Status ResolveModes(Manifest* manifest, bool replace_all);
+
+// What the export needs to know of a column's target BAT.
+struct TargetInfo {
+  std::string tail_file;       // full path of the tail file the export writes
+  int64_t existing_count = 0;  // rows kept: the export appends behind them (0 when replacing)
+  bool replace = false;        // the file is written anew (attribute 6 = 0)
+  bool new_file = false;       // the target is made by this run, or replaced: its file is new
+};
+
+// Refuse raw attributes 5 and 38 that differ from what the tool registers for `target`
+// (its tail file; its existing count, or 0 when replacing).
+// REQUIRES: ResolveModes() has run; tail_file may be empty when new_file is set.
+Status CheckTargetOverrides(const std::string& target_name, const ManifestColumn& column,
+                            const TargetInfo& target);
+
+// Every attribute the column registers, in registration order: the encoding's own set,
+// then the manifest's raw overrides (a later entry for the same number wins).
+// With force_sync the column is written on the calling thread whatever the manifest says.
+std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const ManifestColumn& column,
+                                        const TargetInfo& target, bool force_sync);
+
+}  // namespace qopci
+
+#endif  // QOPCI_TOOLS_COLUMN_ATTRIBUTES_H_
