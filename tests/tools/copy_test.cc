@@ -201,5 +201,16 @@ TEST_F(CopyTest, ReplaceSwapsTheColumnAtTheCommitOnly) {
   EXPECT_EQ(Values("b"), "t.b: 60");
 }
 
+TEST_F(CopyTest, SerialContinuesWhereRowIdStartsAgain) {
+  const std::string columns = R"({"name": "x", "type": "int"}, {"name": "s", "type": "serial"},
+      {"name": "r", "type": "rowid"})";
+  ASSERT_TRUE(Copy(columns, "x\n7\n8\n9\n").ok());
+  ASSERT_TRUE(Copy(columns, "x\n10\n11\n").ok());
+  EXPECT_EQ(Values("s"), "t.s: 1, 2, 3, 4, 5");
+  EXPECT_EQ(Values("r"), "t.r: 1, 2, 3, 1, 2");
+  ASSERT_TRUE(Copy(columns, "x\n12\n", /*replace=*/true).ok());
+  EXPECT_EQ(Values("s"), "t.s: 1");
+}
+
 }  // namespace
 }  // namespace qopci

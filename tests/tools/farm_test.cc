@@ -40,14 +40,14 @@ TEST_F(FarmTest, TargetsAreCreatedOnceWithTheirTypeAndCheckedOnAppend) {
   Manifest m = MakeManifest(R"j({"name": "a", "type": "tinyint"}, {"name": "b", "type": "smallint"},
       {"name": "c", "type": "int"}, {"name": "d", "type": "bigint"}, {"name": "e", "type": "double"},
       {"name": "f", "type": "decimal(4,1)"}, {"name": "g", "type": "timestamp"},
-      {"name": "h", "type": "rowid"}, {"name": "j", "type": "decimal(2,2)"},
-      {"name": "k", "type": "decimal(18,3)"})j");
+      {"name": "h", "type": "rowid"}, {"name": "i", "type": "serial"},
+      {"name": "j", "type": "decimal(2,2)"}, {"name": "k", "type": "decimal(18,3)"})j");
   const int want[] = {
       TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng, TYPE_dbl, TYPE_sht, ATOMindex("timestamp"),
-      TYPE_oid, TYPE_bte, TYPE_lng};
+      TYPE_oid, TYPE_lng, TYPE_bte, TYPE_lng};
   std::vector<TargetColumn> targets;
   ASSERT_TRUE(PrepareTargets(m, &targets).ok());
-  ASSERT_EQ(targets.size(), 10u);
+  ASSERT_EQ(targets.size(), 11u);
   for (size_t i = 0; i < targets.size(); ++i) {
     SCOPED_TRACE(m.columns[i].name);
     EXPECT_TRUE(targets[i].created);
@@ -77,8 +77,8 @@ TEST_F(FarmTest, TargetsAreCreatedOnceWithTheirTypeAndCheckedOnAppend) {
     std::string column, error;
   } clashes[] = {
       {R"({"name": "d", "type": "int"})", "t.d is bigint in the farm, the manifest asks for int"},
-      {R"({"name": "d", "type": "rowid"})",
-       "t.d is bigint in the farm, the manifest asks for rowid"},
+      {R"({"name": "d", "type": "serial"})",
+       "t.d is bigint in the farm, the manifest asks for serial"},
       {R"j({"name": "f", "type": "decimal(4,2)"})j",
        "t.f is decimal(4,1) in the farm, the manifest asks for decimal(4,2)"},
       {R"j({"name": "f", "type": "decimal(3,1)"})j",

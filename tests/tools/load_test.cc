@@ -104,7 +104,8 @@ TEST(LoadCsvTest, FieldsParseExactlyOrFailWithTheirLine) {
 TEST(LoadCsvTest, StructureErrorsNameTheirLine) {
   Manifest m;
   ASSERT_TRUE(ParseManifest(R"({"table": "t", "columns": [{"name": "a", "type": "int"},
-      {"name": "b", "type": "double"}, {"name": "n", "type": "rowid"}]})",
+      {"name": "b", "type": "double"}, {"name": "n", "type": "rowid"},
+      {"name": "s", "type": "serial"}]})",
                             &m)
                   .ok());
   const struct {
@@ -132,6 +133,10 @@ TEST(LoadCsvTest, StructureErrorsNameTheirLine) {
     std::vector<unsigned char> b = Bytes<dbl>(1.5), nil = Bytes<dbl>(dbl_nil);
     b.insert(b.end(), nil.begin(), nil.end());
     EXPECT_EQ(data.columns[1].values, b);
+    // A serial column is not read from the CSV: its rows are numbered from 1.
+    std::vector<unsigned char> serial = Bytes<lng>(1), two = Bytes<lng>(2);
+    serial.insert(serial.end(), two.begin(), two.end());
+    EXPECT_EQ(data.columns[2].values, serial);
   }
 }
 
@@ -140,11 +145,12 @@ TEST(GenerateRowsTest, SequentialValuesPerEncoding) {
   const std::string json = R"j({"table": "t", "columns": [{"name": "i", "type": "int"},
       {"name": "b", "type": "bigint"}, {"name": "d", "type": "double"},
       {"name": "p", "type": "decimal(3,1)"}, {"name": "ts", "type": "timestamp"},
-      {"name": "s", "type": "smallint"}, {"name": "n", "type": "rowid"}]})j";
+      {"name": "s", "type": "smallint"}, {"name": "n", "type": "rowid"},
+      {"name": "k", "type": "serial"}]})j";
   ASSERT_TRUE(ParseManifest(json, &m).ok());
   ResultData data;
   ASSERT_TRUE(GenerateRows(m, 90001, &data).ok());
-  ASSERT_EQ(data.columns.size(), 6u);
+  ASSERT_EQ(data.columns.size(), 7u);
   auto at = [&](size_t col, uint64_t row, auto sample) {
     decltype(sample) v;
     std::memcpy(&v, data.columns[col].values.data() + row * sizeof v, sizeof v);
@@ -158,6 +164,7 @@ TEST(GenerateRowsTest, SequentialValuesPerEncoding) {
   EXPECT_EQ(at(3, 999, lng{}), 999);
   EXPECT_EQ(at(4, r, lng{}), Ts(2013, 1, 2, 3600 * 1000));  // a day and an hour later
   EXPECT_EQ(at(5, r, sht{}), 90000 % 32768);
+  EXPECT_EQ(at(6, r, lng{}), 90001);
   EXPECT_FALSE(GenerateRows(m, kMaxResultRows + 1, &data).ok());
 }
 

@@ -48,6 +48,7 @@ TEST(ManifestTest, EachEncodingRegistersItsAttributeSet) {
       {"DECIMAL( 10 , 0 )", {{0, 0}, {1, 7}, {3, 6}, {9, 10}, {10, 0}}, {4, 7, 8}},
       {"timestamp", {{0, 0}, {1, 3}, {3, 6}, {33, 0}}, {4, 7}},
       {"rowid", {{0, 0}, {1, 0}, {3, 1}, {4, 1}, {33, 1}}, {7, 9}},
+      {"serial", {{0, 0}, {1, 0}, {3, 6}, {4, 6}, {33, 0}}, {7, 9}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.type);
@@ -107,7 +108,7 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
       {R"({"table": "t", "columns": [{"name": "c"}]})", "manifest: column \"c\": missing \"type\""},
       {Column("c", "varchar"),
        "manifest: column \"c\": unknown type \"varchar\" (known: tinyint, smallint, int, bigint, "
-       "double, decimal(p,s), timestamp, rowid)"},
+       "double, decimal(p,s), timestamp, rowid, serial)"},
       {Column("c", "decimal(19,2)"),
        "manifest: column \"c\": decimal precision must be 1 to 18, got 19"},
       {Column("c", "decimal(0,0)"),
