@@ -19,8 +19,9 @@
 namespace {
 
 qopci::Status RunInspect(const std::string& farm, const std::string& column, uint64_t limit) {
-  qopci::Status s = qopci::FromKernel(CVDfarm_open(farm.c_str(), 0));
-  if (!s.ok()) return qopci::Status::Error("farm " + farm + ": " + s.message());
+  // A reader: it must never create, rename or remove anything in the farm.
+  qopci::Status s = qopci::FromKernel(CVDfarm_open(farm.c_str(), CVD_FARM_READONLY));
+  if (!s.ok()) return s;
   s = qopci::PrintFarm(std::cout, column, limit);
   CVDfarm_close();
   return s;

@@ -2,11 +2,14 @@
 // replacements, read back through the kernel and through inspect.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <tuple>
 
 #include "corvid/farm.h"
 #include "tools/column_attributes.h"
@@ -210,6 +213,44 @@ TEST_F(CopyTest, SerialContinuesWhereRowIdStartsAgain) {
   EXPECT_EQ(Values("r"), "t.r: 1, 2, 3, 1, 2");
   ASSERT_TRUE(Copy(columns, "x\n12\n", /*replace=*/true).ok());
   EXPECT_EQ(Values("s"), "t.s: 1");
+}
+
+// Runs the qopci executable with `args`; its exit status and what it printed.
+std::pair<int, std::string> RunQopci(const std::string& args) {
+  FILE* pipe = popen((std::string(QOPCI_BINARY) + " " + args + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return {-1, "popen failed"};
+  std::string output;
+  char buf[256];
+  while (fgets(buf, sizeof buf, pipe) != nullptr) output += buf;
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+TEST_F(CopyTest, InspectOnlyReadsAndASecondWriterIsRefused) {
+  ASSERT_TRUE(Copy(R"({"name": "x", "type": "int"})", "x\n1\n").ok());
+  const std::string manifest = dir_ + "/m.json";
+  std::ofstream(manifest) << R"({"table": "t", "columns": [{"name": "x", "type": "int"}]})";
+  // What an interrupted commit leaves is for the next writer to clear, not for a reader.
+  std::ofstream(options_.farm + "/catalog.new") << "partial";
+  const auto before = Files();
+  auto [status, output] = RunQopci("inspect --farm " + options_.farm);
+  EXPECT_EQ(status, 0) << output;
+  EXPECT_NE(output.find("\nt.x: 1\n"), std::string::npos) << output;
+  EXPECT_EQ(Files(), before);
+
+  // While this process writes to the farm, inspect still reads it, and copy is refused in
+  // the kernel's words, which name the farm and this process.
+  ASSERT_TRUE(FromKernel(CVDfarm_open(options_.farm.c_str(), 0)).ok());
+  std::tie(status, output) = RunQopci("inspect --farm " + options_.farm);
+  EXPECT_EQ(status, 0) << output;
+  std::tie(status, output) =
+      RunQopci("copy --farm " + options_.farm + " --manifest " + manifest + " --generate 1");
+  CVDfarm_close();
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(output, "qopci: MALException:CVDfarm_open:farm " + options_.farm +
+                        " is locked by another writer (process " + std::to_string(getpid()) +
+                        ")\n");
+  EXPECT_EQ(Values("x"), "t.x: 1");
 }
 
 }  // namespace
