@@ -11,8 +11,6 @@ trap 'rm -rf "$(dirname "$farm")"' EXIT
 out=$("$qopci" inspect --farm "$farm" --column trades.row_no --limit 3)
 grep -Eq 'trades\.row_no +rowid +6000 ' <<<"$out" || { echo "expected 6000 row ids: $out"; exit 1; }
 grep -q 'trades.row_no: 1, 2, 3' <<<"$out" || { echo "expected row ids 1, 2, 3: $out"; exit 1; }
-out=$("$qopci" inspect --farm "$farm" --column seq --limit 0)
-grep -Eq 'trades\.seq +serial +6000 ' <<<"$out" || { echo "expected 6000 serials: $out"; exit 1; }
 out=$("$qopci" inspect --farm "$farm" --column price --limit 2)
 grep -Eq 'trades\.price +decimal\(9,2\) +6000 +4 ' <<<"$out" || { echo "expected int decimals: $out"; exit 1; }
 grep -q 'trades.price: 201.49, 40.19, ...' <<<"$out" || { echo "expected exact prices: $out"; exit 1; }
