@@ -89,6 +89,7 @@ void FillRandom(const ManifestColumn& mc, uint64_t seed, ResultColumn* c) {
         break;
       }
       case Encoding::kRowid:
+      case Encoding::kSerial:
         continue;
     }
     std::memcpy(at, &v64, sizeof v64);
@@ -322,12 +323,16 @@ Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_siz
       if (why.rfind(prefix, 0) == 0) why = why.substr(prefix.size());
       return Status::Error(where + why);
     }
-    // Row ids are made by the export: --random leaves them be, ":random" on one is a mistake.
-    const bool rowid = one.columns[0].encoding == Encoding::kRowid;
-    if (asked && rowid)
-      return Status::Error(where + "row ids are made by the export and cannot be random");
+    // Row ids and serials are numbered: --random leaves them be, ":random" on one is a mistake.
+    const Encoding e = one.columns[0].encoding;
+    const bool numbered = e == Encoding::kRowid || e == Encoding::kSerial;
+    if (asked && numbered)
+      return Status::Error(
+          where +
+          (e == Encoding::kRowid ? "row ids are made by the export" : "serials are numbered") +
+          " and cannot be random");
     out->manifest.columns.push_back(one.columns[0]);
-    out->random.push_back(!rowid && (asked || all_random));
+    out->random.push_back(!numbered && (asked || all_random));
   }
   return Status::OK();
 }

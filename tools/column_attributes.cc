@@ -125,6 +125,9 @@ std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const Manifest
     case Encoding::kDouble:
       code = kCodeDouble;
       break;
+    case Encoding::kSerial:
+      code = kCodeInt64;
+      break;
     case Encoding::kRowid:
       code = kCodeUInt;
       source = 1;

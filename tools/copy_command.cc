@@ -72,6 +72,11 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
   std::vector<TargetColumn> targets;
   s = PrepareTargets(manifest, &targets);
   if (!s.ok()) return s;
+  for (const TargetColumn& t : targets)
+    for (ResultColumn& c : data->columns)
+      if (c.manifest_index == t.manifest_index &&
+          manifest.columns[c.manifest_index].encoding == Encoding::kSerial)
+        NumberSerial(data->rows, t.info.existing_count + 1, &c);
   int result_id = 0;
   s = BuildResultTable(session.context(), manifest, *data, options.single_row, &result_id);
   if (s.ok()) s = RegisterColumns(manifest, targets, options.sync);

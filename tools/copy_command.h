@@ -31,7 +31,7 @@ struct CopyOptions {
 Status RunCopy(const CopyOptions& options, std::ostream& out);
 
 // The copy itself, from a parsed manifest and a loaded result; `options` gives the farm and
-// the flags.
+// the flags. Serial columns of `data` are renumbered from each target's count.
 // REQUIRES: ResolveModes() has run on `manifest`; `data` was loaded for it.
 Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions& options,
                   std::ostream& out);

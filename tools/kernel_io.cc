@@ -22,6 +22,7 @@ int TargetAtomType(const ManifestColumn& column) {
     case Encoding::kInt:
       return TYPE_int;
     case Encoding::kBigint:
+    case Encoding::kSerial:
       return TYPE_lng;
     case Encoding::kDouble:
       return TYPE_dbl;

@@ -19,8 +19,9 @@
 namespace {
 
 qopci::Status RunInspect(const std::string& farm, const std::string& column, uint64_t limit) {
-  qopci::Status s = qopci::FromKernel(CVDfarm_open(farm.c_str(), 0));
-  if (!s.ok()) return qopci::Status::Error("farm " + farm + ": " + s.message());
+  // A reader: it must never create, rename or remove anything in the farm.
+  qopci::Status s = qopci::FromKernel(CVDfarm_open(farm.c_str(), CVD_FARM_READONLY));
+  if (!s.ok()) return s;
   s = qopci::PrintFarm(std::cout, column, limit);
   CVDfarm_close();
   return s;
@@ -51,6 +52,12 @@ int main(int argc, char** argv) {
   copy_cmd->add_flag("--replace", copy.replace,
                      "replace every column's rows instead of appending to them (a column's "
                      "\"mode\": \"replace\" does so for one); the type may change");
+  copy_cmd->footer(
+      "Manifest types: tinyint, smallint, int, bigint, double, decimal(p,s) (1 <= p <= 18, "
+      "0 <= s <= p), timestamp, rowid, serial.\n"
+      "rowid numbers the rows of each export from 1, so an append starts again at 1; serial "
+      "continues from the rows the column holds (count+1, count+2, ...).\n"
+      "A column's \"mode\" is \"append\" (the default) or \"replace\".");
 
   std::string farm, column;
   uint64_t limit = 10;

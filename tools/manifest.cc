@@ -63,7 +63,7 @@ Status ParseType(const std::string& raw, ManifestColumn* column) {
   } kPlain[] = {{"tinyint", Encoding::kTinyint}, {"smallint", Encoding::kSmallint},
                 {"int", Encoding::kInt},         {"bigint", Encoding::kBigint},
                 {"double", Encoding::kDouble},   {"timestamp", Encoding::kTimestamp},
-                {"rowid", Encoding::kRowid}};
+                {"rowid", Encoding::kRowid},     {"serial", Encoding::kSerial}};
   for (const auto& p : kPlain) {
     if (type == p.name) {
       column->encoding = p.encoding;
@@ -73,7 +73,7 @@ Status ParseType(const std::string& raw, ManifestColumn* column) {
   if (type.rfind("decimal", 0) == 0) return ParseDecimal(type, column);
   return Status::Error(ColumnPrefix(column->name) + "unknown type \"" + raw +
                        "\" (known: tinyint, smallint, int, bigint, double, decimal(p,s), "
-                       "timestamp, rowid)");
+                       "timestamp, rowid, serial)");
 }
 
 Status ParseOverrides(const json& attrs, ManifestColumn* column) {
@@ -195,6 +195,8 @@ const char* SqlTypeName(Encoding encoding) {
       return "timestamp";
     case Encoding::kRowid:
       return "oid";
+    case Encoding::kSerial:
+      return "bigint";
   }
   return "?";
 }
@@ -203,6 +205,7 @@ std::string EncodingName(const ManifestColumn& column) {
   if (column.encoding == Encoding::kDecimal)
     return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) + ")";
   if (column.encoding == Encoding::kRowid) return "rowid";
+  if (column.encoding == Encoding::kSerial) return "serial";
   return SqlTypeName(column.encoding);
 }
 

@@ -16,7 +16,19 @@
 namespace qopci {
 
 // How a target column is encoded on disk; each has its own attribute set.
-enum class Encoding { kTinyint, kSmallint, kInt, kBigint, kDouble, kDecimal, kTimestamp, kRowid };
+// kRowid numbers each export's rows from 1 (the export makes them); kSerial continues from
+// the rows the target already holds (the tool makes them).
+enum class Encoding {
+  kTinyint,
+  kSmallint,
+  kInt,
+  kBigint,
+  kDouble,
+  kDecimal,
+  kTimestamp,
+  kRowid,
+  kSerial
+};
 
 // What an export does with the rows a target already holds.
 enum class Mode { kAppend, kReplace };

@@ -49,10 +49,14 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
   if (done) return Status::Error("CSV is empty: the first line must name the columns");
   const size_t field_count = fields.size();
 
-  // Where each result column's field sits in a record.
+  // Where each result column's field sits in a record; serial columns are made here.
   std::vector<size_t> position;
   for (const ResultColumn& c : out->columns) {
     const std::string& name = manifest.columns[c.manifest_index].name;
+    if (manifest.columns[c.manifest_index].encoding == Encoding::kSerial) {
+      position.push_back(field_count);
+      continue;
+    }
     size_t at = field_count;
     for (size_t f = 0; f < field_count; ++f)
       if (fields[f] == name) {
@@ -77,6 +81,7 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
       return Status::Error(line + "more than " + std::to_string(kMaxResultRows) + " rows");
     for (size_t k = 0; k < out->columns.size(); ++k) {
       ResultColumn& c = out->columns[k];
+      if (position[k] == field_count) continue;
       s = ParseFieldValue(manifest.columns[c.manifest_index], fields[position[k]], value.data());
       if (!s.ok()) return Status::Error(line + s.message());
       c.values.insert(c.values.end(), value.begin(), value.begin() + c.width);
@@ -84,6 +89,8 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
     ++out->rows;
     if (progress != nullptr && (out->rows & 0xfff) == 0) progress->Update(reader.bytes_read());
   }
+  for (size_t k = 0; k < out->columns.size(); ++k)
+    if (position[k] == field_count) NumberSerial(out->rows, 1, &out->columns[k]);
   return Status::OK();
 }
 
@@ -140,12 +147,22 @@ Status GenerateRows(const Manifest& manifest, uint64_t rows, ResultData* out) {
           Append<lng>(&c, cvd_timestamp(day0 + static_cast<int32_t>(i / 86400),
                                         static_cast<int32_t>(i % 86400) * 1000));
           break;
+        case Encoding::kSerial:
         case Encoding::kRowid:
           break;
       }
     }
+    if (mc.encoding == Encoding::kSerial) NumberSerial(rows, 1, &c);
   }
   return Status::OK();
+}
+
+void NumberSerial(uint64_t rows, int64_t first, ResultColumn* column) {
+  column->values.resize(rows * sizeof(lng));
+  for (uint64_t r = 0; r < rows; ++r) {
+    const lng v = first + static_cast<lng>(r);
+    std::memcpy(column->values.data() + r * sizeof v, &v, sizeof v);
+  }
 }
 
 }  // namespace qopci

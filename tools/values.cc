@@ -131,9 +131,11 @@ Status ParseFieldValue(const ManifestColumn& column, std::string_view text, unsi
       return Status::OK();
     }
     case Encoding::kRowid:
+    case Encoding::kSerial:
       break;
   }
-  return Status::Error("column \"" + column.name + "\": rowid columns are not read from a CSV");
+  return Status::Error("column \"" + column.name + "\": " + EncodingName(column) +
+                       " columns are not read from a CSV");
 }
 
 }  // namespace qopci

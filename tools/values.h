@@ -24,7 +24,7 @@ Status ParseDecimalText(std::string_view text, int precision, int scale, int64_t
 // Parse `text` as a value of the column's encoding into out[0 .. ResultWidth()-1] (native
 // byte order, the result BAT's tail type). An empty text is the type's nil value. The error
 // text says what is wrong with the value but not where; the caller adds the line.
-// REQUIRES: column.encoding is not kRowid; out has room for ResultWidth() bytes.
+// REQUIRES: column.encoding is not kRowid or kSerial; out has room for ResultWidth() bytes.
 Status ParseFieldValue(const ManifestColumn& column, std::string_view text, unsigned char* out);
 
 }  // namespace qopci

@@ -267,6 +267,41 @@ TEST_F(CommitTest, ACrashAtAnyCallLeavesOneCommitOrTheOther) {
   EXPECT_TRUE(read_pending);
 }
 
+TEST_F(CommitTest, NeverWritesWhatOpenWouldReject) {
+  ASSERT_EQ(MakeFirstCommit(dir_), "");
+  const std::string catalog = Bytes(dir_ / "catalog");
+  struct Case {
+    const char* what;
+    void (*rewrite)(BAT* d);  // what a careless rewrite of counts [1] claims
+    std::string says;
+  };
+  const Case cases[] = {
+      {"more bytes than the file holds",
+       [](BAT* d) {
+         d->batCount = d->tailRows = 3;
+         d->theap.free = 12;
+       },
+       "holds 4 bytes, the catalog describes 12"},
+      {"a width the type cannot have", [](BAT* d) { d->twidth = 3; }, "bad tail width or shift"},
+      {"more rows than the tail holds", [](BAT* d) { d->batCount = 2; },
+       "tail heap holds fewer rows than counted"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(Open(0), "");
+    BAT* d = BBPgetdesc(CVDbat_lookup("counts"));
+    c.rewrite(d);
+    d->batStatus |= BATSTATUS_REWRITTEN;
+    ::testing::internal::CaptureStderr();
+    EXPECT_NE(TMcommit(), 0);
+    const std::string said = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.rfind("#TMcommit: the catalog would not open: BAT ", 0), 0u) << said;
+    EXPECT_NE(said.find(c.says), std::string::npos) << said;
+    CVDfarm_close();
+    EXPECT_EQ(Bytes(dir_ / "catalog"), catalog);
+  }
+}
+
 TEST_F(CommitTest, ASecondWriterFailsAtOnceAndChangesNothing) {
   ASSERT_EQ(Open(CVD_FARM_CREATE), "");
   const auto before = Listing(dir_);

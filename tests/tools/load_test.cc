@@ -140,11 +140,12 @@ TEST(GenerateRowsTest, SequentialValuesPerEncoding) {
   const std::string json = R"j({"table": "t", "columns": [{"name": "i", "type": "int"},
       {"name": "b", "type": "bigint"}, {"name": "d", "type": "double"},
       {"name": "p", "type": "decimal(3,1)"}, {"name": "ts", "type": "timestamp"},
-      {"name": "s", "type": "smallint"}, {"name": "n", "type": "rowid"}]})j";
+      {"name": "s", "type": "smallint"}, {"name": "n", "type": "rowid"},
+      {"name": "k", "type": "serial"}]})j";
   ASSERT_TRUE(ParseManifest(json, &m).ok());
   ResultData data;
   ASSERT_TRUE(GenerateRows(m, 90001, &data).ok());
-  ASSERT_EQ(data.columns.size(), 6u);
+  ASSERT_EQ(data.columns.size(), 7u);
   auto at = [&](size_t col, uint64_t row, auto sample) {
     decltype(sample) v;
     std::memcpy(&v, data.columns[col].values.data() + row * sizeof v, sizeof v);
@@ -158,6 +159,7 @@ TEST(GenerateRowsTest, SequentialValuesPerEncoding) {
   EXPECT_EQ(at(3, 999, lng{}), 999);
   EXPECT_EQ(at(4, r, lng{}), Ts(2013, 1, 2, 3600 * 1000));  // a day and an hour later
   EXPECT_EQ(at(5, r, sht{}), 90000 % 32768);
+  EXPECT_EQ(at(6, r, lng{}), 90001);
   EXPECT_FALSE(GenerateRows(m, kMaxResultRows + 1, &data).ok());
 }
 
