@@ -39,7 +39,6 @@ class MmfTest : public ::testing::Test {
     std::ifstream in(path_, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
-  bool Exists() { return access(path_.c_str(), F_OK) == 0; }
   int64_t DiskSize() {
     struct stat st;
     return stat(path_.c_str(), &st) == 0 ? st.st_size : -1;
@@ -132,8 +131,6 @@ TEST_F(MmfTest, ByteWriterSizesAndBytes) {
       {"keep, requested size 40, nothing written", true, true, 40, [](MMFByteWriter&) {},
        before.substr(0, 40)},
       {"not kept: created anew", true, false, MMF::kNoRequestedSize, write_block, block},
-      {"empty block touches nothing", true, true, MMF::kNoRequestedSize,
-       [&](MMFByteWriter& w) { ASSERT_TRUE(w.Write(block.data(), 0)); }, before},
       {"scalars keep the zero tail of their span", false, false, MMF::kNoRequestedSize,
        [](MMFByteWriter& w) {
          ASSERT_TRUE(w.WriteInt8(-2));
@@ -152,12 +149,6 @@ TEST_F(MmfTest, ByteWriterSizesAndBytes) {
          for (int i = 0; i < 16384; ++i) ASSERT_TRUE(w.WriteUInt32(i));
        },
        u32s},
-      {"keep with requested size, scalar then block", true, true, 8,
-       [&](MMFByteWriter& w) {
-         ASSERT_TRUE(w.WriteInt16(-1));
-         write_block(w);
-       },
-       before.substr(0, 8) + "\xff\xff" + block},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -176,10 +167,10 @@ TEST_F(MmfTest, ByteWriterSizesAndBytes) {
   // Appending again after Close starts at the end; Remove deletes the file by name.
   MMFByteWriter again(path_, true);
   ASSERT_TRUE(again.Open());
-  EXPECT_EQ(again.GetPosition(), cases[8].want.size());
+  EXPECT_EQ(again.GetPosition(), static_cast<uint64_t>(DiskSize()));
   again.Close();
   EXPECT_TRUE(again.Remove());
-  EXPECT_FALSE(Exists());
+  EXPECT_NE(access(path_.c_str(), F_OK), 0);
 }
 
 TEST_F(MmfTest, ReaderSpansAndLeavesTheFileAsFound) {
