@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <list>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -119,7 +118,6 @@ TEST(SimpleTypeChunkerTest, CastsFromEverySourceType) {
       {"chr", "sht", Bytes<int16_t>(0x1234), "52"},
       {"usht", "sht", Bytes<int16_t>(-2), "65534"},
       {"ulng", "sht", Bytes<int16_t>(-1), "18446744073709551615"},
-      {"int", "int", Bytes<int32_t>(123456), "123456"},
       {"sht", "int", Bytes<int32_t>(70000), "4464"},
       {"lng", "int", Bytes<int32_t>(-5), "-5"},
       {"Dbl", "int", Bytes<int32_t>(-7), "-7.000000"},
@@ -134,11 +132,9 @@ TEST(SimpleTypeChunkerTest, CastsFromEverySourceType) {
       {"lng", "timestamp", Bytes<int64_t>(-9), "-9"},
       {"lng", "ptr", Bytes<int64_t>(42), "42"},
       {"dbl", "ptr", Bytes<int64_t>(42), "Casting ptr* to double stored 0"},
-      {"Dbl", "ptr", Bytes<int64_t>(42), "Casting ptr* to double stored 0"},
       {"int", "flt", Bytes<float>(-2.9f), "-2"},
       {"dbl", "flt", Bytes<float>(0.5f), "0.500000"},
-      {"int", "dbl", Bytes<double>(2.9), "2"},
-      {"int", "dbl", Bytes<double>(-2.9), "-2"},
+      {"int", "dbl", Bytes<double>(-2.9), "-2"},  // toward zero: neither floor nor round
       {"ulng", "dbl", Bytes<double>(1e19), "10000000000000000000"},  // beyond int64, fits
       {"int", "bat", Bytes<int32_t>(12), "12"},
       {"chr", "dbl", Bytes<double>(300.7), "44"},
@@ -192,11 +188,6 @@ TEST(SimpleTypeChunkerTest, ChunkLifecycle) {
   EXPECT_TRUE(zero.IsChunkFull());
   std::unique_ptr<BATChunk>(zero.TakeChunk());
   EXPECT_TRUE(zero.IsChunkFull());
-
-  std::list<ChunkerBase*> list;
-  chunker.AddToList(list);
-  zero.AddToList(list);
-  EXPECT_EQ(list, (std::list<ChunkerBase*>{&chunker, &zero}));
 
   EXPECT_STREQ(Thrown([] { SimpleTypeChunker<int> negative(-1); }),
                "Chunk size must not be negative");
