@@ -161,7 +161,9 @@ BAT* BATload_intern(bat i, int lock);
 /* Free the heaps' memory of a loaded BAT; the descriptor stays. */
 void BATfree(BAT* b);
 
-/* Check the sorted, key and no-nil flags against the data and clear the false ones. */
+/* Check the sorted, key and no-nil flags against the data and clear the false ones. Flags
+ * that the commit checked against the same data (same rows, sizes and width, no claim added)
+ * are not scanned again. */
 void BATpropcheck(BAT* b);
 
 /* Row index whose head oid equals *(const oid*)value, or BUN_NONE. */
@@ -219,7 +221,8 @@ oid OIDnew(oid count);
 
 /* Make every persistent BAT durable: flush the column files, write the catalog to a new
  * file, flush it, rename it over the old one and flush the directory. Returns 0 on success;
- * on failure the previous commit stays the farm's state. */
+ * on failure (told by "#TMcommit: <why>" on stderr) the previous commit stays the farm's
+ * state, on disk and in memory. Fails in a read-only farm. */
 int TMcommit(void);
 
 #ifdef __cplusplus
