@@ -111,15 +111,19 @@ void Chunker<T>::InitCastTable(TypeIndexFn type_index, FormatFn format, FromStri
 
 template <typename T>
 void Chunker<T>::FillCastTable(TypeIndexFn type_index) {
-  auto put = [&](const char* name, CastFn fn, bool direct) {
+  auto put = [&](const char* name, CastFn fn, bool direct, RunFn run = nullptr,
+                 size_t width = 0) {
     int type = type_index(name);
-    if (type >= 0 && type < kMaxTypes) cast_table_[type] = CastEntry{fn, direct};
+    if (type >= 0 && type < kMaxTypes) cast_table_[type] = CastEntry{fn, direct, run, width};
   };
   if constexpr (std::is_pointer_v<T>) {
     put("str", &ReadStringAsIs<T>, false);
   } else {
     auto put_read = [&]<typename S>(const char* name, S*) {
-      put(name, &Read<T, S>, IsDirect<T, S>());
+      if constexpr (std::is_integral_v<T> && std::is_integral_v<S> && !IsDirect<T, S>())
+        put(name, &Read<T, S>, false, &ConvertReplacingNil<T, S>, sizeof(S));
+      else
+        put(name, &Read<T, S>, IsDirect<T, S>());
     };
     for (const char* name : {"bit", "chr", "bte"}) put_read(name, static_cast<int8_t*>(nullptr));
     put_read("sht", static_cast<int16_t*>(nullptr));
@@ -158,6 +162,8 @@ void Chunker<T>::ResolveCast(const char* type_name) {
       throw "Casting not implemented";
     cast_ = cast_table_[type].fn;
     cast_direct_ = cast_table_[type].direct;
+    cast_run_ = cast_table_[type].run;
+    cast_width_ = cast_table_[type].width;
     cast_type_ = type;
   }
   cast_name_ = type_name;

@@ -128,10 +128,15 @@ class Chunker : public ChunkerBase {
     }
   }
 
+  // Converts a run of k integer sources (src, nil) to T, the chunker's nil for theirs.
+  using RunFn = void (*)(const char* src, size_t k, const void* nil, T stored_nil, T* out);
+
   CastFn cast_ = nullptr;         // conversion last used by InsertValue
   int cast_type_ = -1;            // host type number cast_ converts from
   const char* cast_name_;         // type name cast_ was resolved for; skips the lookup
   bool cast_direct_ = false;      // the source is stored exactly as T: a plain load
+  RunFn cast_run_ = nullptr;      // integer to integer of another width: a run conversion
+  size_t cast_width_ = 0;         // bytes of one source value for cast_run_
   void* temporary_ = nullptr;     // host allocation of a string conversion, or null
   T previous_{};                  // last value seen while the column was sorted
   bool first_ = true;             // no value seen yet
@@ -149,6 +154,8 @@ class Chunker : public ChunkerBase {
   struct CastEntry {
     CastFn fn;
     bool direct;
+    RunFn run;     // set for integer sources of an integer T that are not direct
+    size_t width;  // bytes of the source read by run
   };
   static constexpr int kMaxTypes = 64;  // host type numbers the table covers
 

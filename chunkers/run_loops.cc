@@ -37,6 +37,20 @@ QOPCI_VECTOR_CLONES void CopyReplacingNil(const char* src, size_t k, const void*
   }
 }
 
+template <typename T, typename S>
+QOPCI_VECTOR_CLONES void ConvertReplacingNil(const char* src, size_t k, const void* nil,
+                                             T stored_nil, T* out) {
+  Bits<S> nil_bits;
+  std::memcpy(&nil_bits, nil, sizeof nil_bits);
+  for (size_t i = 0; i < k; i++) {
+    Bits<S> bits;
+    std::memcpy(&bits, src + i * sizeof(S), sizeof bits);
+    S v;
+    std::memcpy(&v, src + i * sizeof(S), sizeof v);
+    out[i] = bits == nil_bits ? stored_nil : static_cast<T>(v);
+  }
+}
+
 template <typename T>
 QOPCI_VECTOR_CLONES bool RunAscends(const T* v, size_t k, bool strictly) {
   Bits<T> broken = 0;
@@ -61,5 +75,28 @@ QOPCI_RUN_LOOPS(int64_t)
 QOPCI_RUN_LOOPS(uint64_t)
 QOPCI_RUN_LOOPS(double)
 #undef QOPCI_RUN_LOOPS
+
+// Every integer source width the cast tables read, into every integer column type.
+#define QOPCI_CONVERT_FROM(S)                                                              \
+  template void ConvertReplacingNil<char, S>(const char*, size_t, const void*, char, char*); \
+  template void ConvertReplacingNil<unsigned char, S>(const char*, size_t, const void*,      \
+                                                      unsigned char, unsigned char*);        \
+  template void ConvertReplacingNil<short, S>(const char*, size_t, const void*, short,       \
+                                              short*);                                       \
+  template void ConvertReplacingNil<unsigned short, S>(const char*, size_t, const void*,     \
+                                                       unsigned short, unsigned short*);     \
+  template void ConvertReplacingNil<int, S>(const char*, size_t, const void*, int, int*);    \
+  template void ConvertReplacingNil<unsigned int, S>(const char*, size_t, const void*,       \
+                                                     unsigned int, unsigned int*);           \
+  template void ConvertReplacingNil<int64_t, S>(const char*, size_t, const void*, int64_t,   \
+                                                int64_t*);                                   \
+  template void ConvertReplacingNil<uint64_t, S>(const char*, size_t, const void*, uint64_t, \
+                                                 uint64_t*);
+QOPCI_CONVERT_FROM(int8_t)
+QOPCI_CONVERT_FROM(int16_t)
+QOPCI_CONVERT_FROM(int32_t)
+QOPCI_CONVERT_FROM(uint32_t)
+QOPCI_CONVERT_FROM(int64_t)
+#undef QOPCI_CONVERT_FROM
 
 }  // namespace qopci

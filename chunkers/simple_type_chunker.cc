@@ -51,7 +51,9 @@ bool SimpleTypeChunker<T>::InsertValueSlow(const void* src, const char* type_nam
 template <typename T>
 size_t SimpleTypeChunker<T>::InsertRun(const void* src, const char* type_name, size_t n,
                                        size_t stride, const void* nil) {
-  if (type_name != this->cast_name_ || !this->cast_direct_ || stride != sizeof(T))
+  if (type_name != this->cast_name_) this->ResolveCast(type_name);
+  const bool direct = this->cast_direct_ && stride == sizeof(T);
+  if (!direct && (this->cast_run_ == nullptr || stride != this->cast_width_))
     return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
   const T stored_nil = *this->GetNilValue();
   SimpleTypeChunk<T>* c = chunk_;
@@ -59,7 +61,10 @@ size_t SimpleTypeChunker<T>::InsertRun(const void* src, const char* type_name, s
   const size_t k = n < room ? n : static_cast<size_t>(room);
   T* out = c->buffer_ + c->count_;
   // Nils are recognised by their bit pattern, so a double nil compares as bits too.
-  CopyReplacingNil(static_cast<const char*>(src), k, nil, stored_nil, out);
+  if (direct)
+    CopyReplacingNil(static_cast<const char*>(src), k, nil, stored_nil, out);
+  else
+    this->cast_run_(static_cast<const char*>(src), k, nil, stored_nil, out);
   this->UpdateRunStatistics(out, k);
   c->count_ += static_cast<int32_t>(k);
   c->size_ += k * sizeof(T);

@@ -93,6 +93,8 @@ TEST(InsertRunTest, SameAsValueByValue) {
   const auto long_ints = LongRun(3, int_nil);
   const auto long_lngs = LongRun(lng{3} << 33, lng_nil);
   const auto long_dbls = LongRun(0.25, dbl_nil);
+  const auto long_small_lngs = LongRun(lng{3}, lng_nil);
+  const std::vector<oid> oids = {1, oid_nil, 0xFFFFFFFFu, 5, 5, 6};
   struct Case {
     std::string name;
     std::function<ChunkerBase*()> make;
@@ -110,6 +112,12 @@ TEST(InsertRunTest, SameAsValueByValue) {
       {"long int", [] { return new SimpleTypeChunker<int>(333); }, "int", Of(long_ints)},
       {"long lng", [] { return new SimpleTypeChunker<int64_t>(333); }, "lng", Of(long_lngs)},
       {"long double", [] { return new DoubleChunker(333); }, "dbl", Of(long_dbls)},
+      // Integers of another width: converted in runs, cut or extended as one by one.
+      {"lng cut to int", [] { return new SimpleTypeChunker<int>(3); }, "lng", Of(lngs)},
+      {"lng cut to char", [] { return new SimpleTypeChunker<char>(4); }, "lng", Of(lngs)},
+      {"long lng into int", [] { return new SimpleTypeChunker<int>(333); }, "lng",
+       Of(long_small_lngs)},
+      {"oid into lng", [] { return new SimpleTypeChunker<int64_t>(4); }, "oid", Of(oids)},
   };
   for (const Case& c : cases) {
     for (size_t run : {1, 2, 5, 100, 1000}) {
