@@ -23,20 +23,6 @@ using Bits = std::conditional_t<sizeof(T) == 1, uint8_t,
 
 }  // namespace
 
-template <typename T>
-QOPCI_VECTOR_CLONES void CopyReplacingNil(const char* src, size_t k, const void* nil,
-                                          T stored_nil, T* out) {
-  Bits<T> nil_bits;
-  std::memcpy(&nil_bits, nil, sizeof nil_bits);
-  for (size_t i = 0; i < k; i++) {
-    Bits<T> bits;
-    std::memcpy(&bits, src + i * sizeof(T), sizeof bits);
-    T v;
-    std::memcpy(&v, src + i * sizeof(T), sizeof v);
-    out[i] = bits == nil_bits ? stored_nil : v;
-  }
-}
-
 template <typename T, typename S>
 QOPCI_VECTOR_CLONES void ConvertReplacingNil(const char* src, size_t k, const void* nil,
                                              T stored_nil, T* out) {
@@ -49,6 +35,12 @@ QOPCI_VECTOR_CLONES void ConvertReplacingNil(const char* src, size_t k, const vo
     std::memcpy(&v, src + i * sizeof(S), sizeof v);
     out[i] = bits == nil_bits ? stored_nil : static_cast<T>(v);
   }
+}
+
+// A copy is the conversion of T to itself.
+template <typename T>
+void CopyReplacingNil(const char* src, size_t k, const void* nil, T stored_nil, T* out) {
+  ConvertReplacingNil<T, T>(src, k, nil, stored_nil, out);
 }
 
 template <typename T>
