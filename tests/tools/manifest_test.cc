@@ -4,6 +4,7 @@
 
 #include <map>
 
+#include "tools/closest.h"
 #include "tools/column_attributes.h"
 
 namespace qopci {
@@ -201,3 +202,16 @@ TEST(ColumnAttributesTest, ModesAndRawAttributesAgreeOrAreRefused) {
 
 }  // namespace
 }  // namespace qopci
+
+TEST(ClosestNameTest, SuggestsOnlyNearNames) {
+  const std::vector<std::string> keys = {"table", "chunk_size", "queued", "columns"};
+  struct Case {
+    const char* word;
+    const char* want;
+  } cases[] = {
+      {"chunksize", "chunk_size"}, {"CHUNK_SIZE", "chunk_size"}, {"tabel", "table"},
+      {"colums", "columns"},       {"rows", ""},                 {"", ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(qopci::ClosestName(c.word, keys), c.want) << c.word;
+  EXPECT_EQ(qopci::DidYouMean("queud", keys), " (did you mean \"queued\"?)");
+}
