@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <vector>
 
 #include "corvid/farm.h"
@@ -98,6 +99,7 @@ Status RunCopy(const CopyOptions& options, std::ostream& out) {
   Status s = LoadManifest(options.manifest, &manifest);
   if (s.ok()) s = ResolveModes(&manifest, options.replace);
   if (!s.ok()) return s;
+  for (const std::string& w : manifest.warnings) std::cerr << "qopci: warning: " << w << "\n";
 
   // The whole result is parsed before the farm is touched: a bad line changes nothing.
   ResultData data;

@@ -62,6 +62,10 @@ struct Manifest {
   int chunk_size = 65536;
   bool queued = true;
   std::vector<ManifestColumn> columns;  // in manifest order; names are unique
+  // What the manifest asks for that is kept but looks like a mistake (an unknown key, an
+  // attribute the library never reads): printed on stderr before the copy, or refused as
+  // errors under --strict.
+  std::vector<std::string> warnings;
 };
 
 // Parse a manifest from JSON text. On failure *out is unspecified and the status names
