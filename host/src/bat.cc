@@ -166,8 +166,19 @@ bool LoadHeaps(BAT* b, std::string* why) {
   b->theap.base = tail;
   if (b->tvheap) {
     size_t alloc = std::max({b->tvheap->free, b->tvheap->size, size_t{CVD_STRHEAP_HASHAREA}});
-    if (!LoadHeap(LoadPath(b->batCacheid, "theap"), b->tvheap, alloc, &heap, why)) {
+    const std::string path = LoadPath(b->batCacheid, "theap");
+    if (!LoadHeap(path, b->tvheap, alloc, &heap, why)) {
       ReleaseHeapMemory(&b->theap);
+      return false;
+    }
+    // Every string ends with its zero and the heap ends with its last string: a heap that
+    // does not end in a zero would let a read run past its end.
+    const size_t free = b->tvheap->free;
+    if (free > 0 && heap[free - 1] != 0) {
+      b->tvheap->base = heap;
+      ReleaseHeapMemory(b->tvheap);
+      ReleaseHeapMemory(&b->theap);
+      *why = path + ": string heap does not end with a string's closing zero";
       return false;
     }
   }

@@ -222,8 +222,18 @@ TEST_F(FarmTest, DamagedFarmsGiveAClearErrorAndStayUntouched) {
     }
   }
   std::ofstream(dir_ / "catalog", std::ios::binary) << catalog;
+  // A heap whose last string lost its zero opens (open reads no heap) but does not load.
+  std::string unterminated = heap;
+  unterminated.back() = 'x';
+  std::ofstream(heap_path, std::ios::binary) << unterminated;
+  Open(0);
+  EXPECT_EQ(BBPdescriptor(b), nullptr);
+  CVDfarm_close();
   std::ofstream(heap_path, std::ios::binary) << heap;
   Open(0);
+  ASSERT_NE(BBPdescriptor(b), nullptr);
+  EXPECT_STREQ(static_cast<const char*>(BUNtail(BBPgetdesc(b), 0)), "alpha");
+  BBPreleaseref(b);
 }
 
 TEST_F(FarmTest, PhysicalNamesResultsAndLogger) {
