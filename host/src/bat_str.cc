@@ -31,7 +31,9 @@ size_t FindDuplicate(const Heap* h, const char* s, uint32_t bucket) {
     size_t steps = 0;  // a chain cannot be longer than the heap has records
     for (size_t link = head; link != 0 && steps < h->free / CVD_STRHEAP_ALIGN; steps++) {
       size_t pos = link + CVD_STRHEAP_LINK + CVD_STRHEAP_PREFIX;
-      if (link < CVD_STRHEAP_HASHAREA || pos >= h->free) break;
+      // Strings start at multiples of 8: a link elsewhere comes from a damaged heap, and a
+      // tail offset (position / 8) could not name that string anyway.
+      if (link < CVD_STRHEAP_HASHAREA || pos >= h->free || pos % CVD_STRHEAP_ALIGN != 0) break;
       if (SameString(base + pos, s)) return pos;
       link = Load16(base + link);
     }
@@ -39,7 +41,9 @@ size_t FindDuplicate(const Heap* h, const char* s, uint32_t bucket) {
   }
   if (head == 0) return 0;
   size_t pos = (h->free & ~size_t{0xFFFF}) + head;  // offset within the current block
-  if (pos >= h->free || pos < CVD_STRHEAP_HASHAREA + CVD_STRHEAP_PREFIX) return 0;
+  if (pos >= h->free || pos < CVD_STRHEAP_HASHAREA + CVD_STRHEAP_PREFIX ||
+      pos % CVD_STRHEAP_ALIGN != 0)
+    return 0;
   uint32_t len;
   std::memcpy(&len, base + pos - CVD_STRHEAP_PREFIX, 4);
   if (pos + len > h->free) return 0;
