@@ -19,9 +19,11 @@ run_fuzzers() {
                       [farm_open_fuzz]=2048 [strheap_fuzz]=8192)
   local -A dict=([csv_fuzz]=csv [manifest_fuzz]=manifest [catalog_fuzz]=catalog
                    [farm_open_fuzz]=catalog)
-  local scratch t bin ok f opts passed failed
-  scratch=$(mktemp -d)
+  local t bin ok f opts passed failed farms=${TMPDIR:-/tmp}
+  scratch=$(mktemp -d)  # global: the exit trap removes it
   trap 'rm -rf "$scratch"' EXIT
+  # The farm targets make a farm per input under TMPDIR: a tmpfs makes them faster.
+  [[ -z ${TMPDIR:-} && -d /dev/shm && -w /dev/shm ]] && farms=/dev/shm
   passed=0 failed=0
   for t in "${targets[@]}"; do
     bin=build-fuzz/fuzz/$t
@@ -31,10 +33,10 @@ run_fuzzers() {
     cp fuzz/corpus/"$t"/* "$scratch/$t/corpus/"
     echo "=== $t: corpus, then ${seconds}s"
     ok=1
-    if ! "$bin" "${opts[@]}" -artifact_prefix="$scratch/$t/" fuzz/corpus/"$t"/* \
+    if ! TMPDIR=$farms "$bin" "${opts[@]}" -artifact_prefix="$scratch/$t/" fuzz/corpus/"$t"/* \
         >"$scratch/$t/regress.log" 2>&1; then
       ok=0; tail -n 40 "$scratch/$t/regress.log"
-    elif ! "$bin" "${opts[@]}" -artifact_prefix="$scratch/$t/" -max_total_time="$seconds" \
+    elif ! TMPDIR=$farms "$bin" "${opts[@]}" -artifact_prefix="$scratch/$t/" -max_total_time="$seconds" \
         "$scratch/$t/corpus" >"$scratch/$t/fuzz.log" 2>&1; then
       ok=0; tail -n 60 "$scratch/$t/fuzz.log"
     else
