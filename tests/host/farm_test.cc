@@ -236,6 +236,31 @@ TEST_F(FarmTest, DamagedFarmsGiveAClearErrorAndStayUntouched) {
   BBPreleaseref(b);
 }
 
+TEST_F(FarmTest, AppendOverDamagedHashChainsStoresTheStringItself) {
+  bat b = Make(TYPE_str, "words");
+  ASSERT_EQ(CVDbat_append(b, "x"), nullptr);
+  ASSERT_EQ(TMcommit(), 0);
+  const std::string heap_path = Path(b, "theap");
+  CVDfarm_close();
+  const std::string heap = Bytes(heap_path);
+  // "" hashes to bucket 0; each head points its chain somewhere no record starts.
+  for (uint16_t head : {uint16_t{2049}, uint16_t{2}, uint16_t{0xFFFF}}) {
+    SCOPED_TRACE(head);
+    std::string damaged = heap;
+    std::memcpy(&damaged[0], &head, 2);
+    std::ofstream(heap_path, std::ios::binary) << damaged;
+    Open(0);
+    ASSERT_EQ(CVDbat_append(b, ""), nullptr);
+    BAT* d = BBPdescriptor(b);
+    ASSERT_NE(d, nullptr);
+    EXPECT_STREQ(static_cast<const char*>(BUNtail(d, 0)), "x");
+    EXPECT_STREQ(static_cast<const char*>(BUNtail(d, 1)), "");
+    BBPreleaseref(b);
+    CVDfarm_close();
+  }
+  Open(0);
+}
+
 TEST_F(FarmTest, PhysicalNamesResultsAndLogger) {
   bat b = Make(TYPE_int, "t");
   char phys[64];
