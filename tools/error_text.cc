@@ -16,7 +16,9 @@ std::string SystemText(int err) { return std::strerror(err); }
 std::string PlainMessage(const std::string& raw) {
   static const std::regex kPrefix(
       R"(\b[A-Za-z]*Exception:[A-Za-z_0-9]*:|\b[A-Za-z_0-9]+::[A-Za-z_0-9]+\(\) ?:( :)? ?)");
-  std::string text = std::regex_replace(raw, kPrefix, "");
+  // The kernel gives the system's words and the number; the number is for the detail.
+  static const std::regex kErrno(R"( \(errno [0-9]+\))");
+  std::string text = std::regex_replace(std::regex_replace(raw, kPrefix, ""), kErrno, "");
   static const char kCode[] = " (Error code ";
   for (size_t at = text.find(kCode); at != std::string::npos; at = text.find(kCode, at)) {
     char* end = nullptr;

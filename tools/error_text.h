@@ -17,7 +17,8 @@ namespace qopci {
 std::string SystemText(int err);
 
 // `raw` without "<Kind>Exception:<function>:" and "<Class>::<Method>() : " prefixes, and with
-// every "(Error code N)" read as ": <SystemText(N)>".
+// every "(Error code N)" read as ": <SystemText(N)>"; the kernel's " (errno N)" after the
+// system's words is dropped.
 std::string PlainMessage(const std::string& raw);
 
 // {"error": PlainMessage(raw), "detail": raw} as one line of JSON.
