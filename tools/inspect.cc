@@ -129,7 +129,10 @@ Status ValueFormatter::Format(BUN row, std::string* text, bool* nil) {
 Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uint64_t limit) {
   std::vector<FarmColumn> all = FarmColumns(), shown;
   std::vector<std::string> names;
-  for (const FarmColumn& c : all) names.push_back(c.name);
+  for (const FarmColumn& c : all) {
+    names.push_back(c.name);
+    names.push_back(c.name.substr(c.name.find('.') + 1));
+  }
   for (const std::string& wanted : columns) {
     size_t before = shown.size();
     for (const FarmColumn& c : all)

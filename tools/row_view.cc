@@ -33,6 +33,7 @@ Status ChooseColumns(const RowViewOptions& o, std::vector<FarmColumn>* out) {
   std::vector<std::string> tables, names;
   for (const FarmColumn& c : all) {
     names.push_back(c.name);
+    names.push_back(ShortName(c.name));
     if (std::find(tables.begin(), tables.end(), TableOf(c.name)) == tables.end())
       tables.push_back(TableOf(c.name));
   }

@@ -149,6 +149,8 @@ TEST_F(FarmTest, InspectPrintsCatalogAndValues) {
   EXPECT_EQ(one.str().find("t.a"), std::string::npos);
   EXPECT_NE(one.str().find("t.ts"), std::string::npos);
   EXPECT_EQ(PrintFarm(one, {"zz"}, 1).message(), "no column named \"zz\" in farm " + dir_);
+  EXPECT_EQ(PrintFarm(one, {"tss"}, 1).message(),
+            "no column named \"tss\" in farm " + dir_ + " (did you mean \"ts\"?)");
 }
 
 }  // namespace
