@@ -1,11 +1,11 @@
 #include "tools/copy_command.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "corvid/farm.h"
@@ -22,6 +22,33 @@ namespace {
 
 const char* Action(const TargetColumn& t) {
   return t.created ? "created" : t.replaced != 0 ? "replaced" : "appended";
+}
+
+void PrintJsonSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets,
+                      uint64_t rows, double seconds, std::ostream& out) {
+  nlohmann::ordered_json columns = nlohmann::ordered_json::array();
+  for (const TargetColumn& t : targets) {
+    const ManifestColumn& c = manifest.columns[t.manifest_index];
+    const bat id = CVDbat_lookup(TargetName(manifest, c).c_str());
+    const BAT* b = id != 0 ? BBPgetdesc(id) : nullptr;
+    if (b == nullptr) continue;
+    nlohmann::ordered_json flags = nlohmann::ordered_json::array();
+    const std::string words = FlagWords(*b);
+    for (size_t at = 0; words != "-" && at < words.size();) {
+      size_t end = std::min(words.find(' ', at), words.size());
+      flags.push_back(words.substr(at, end - at));
+      at = end + 1;
+    }
+    columns.push_back({{"name", TargetName(manifest, c)},
+                       {"type", EncodingName(c)},
+                       {"action", Action(t)},
+                       {"rows", b->batCount},
+                       {"tail_bytes", b->theap.free},
+                       {"flags", flags}});
+  }
+  nlohmann::ordered_json summary = {
+      {"table", manifest.table}, {"columns", columns}, {"rows", rows}, {"seconds", seconds}};
+  out << summary.dump() << "\n";
 }
 
 void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets, uint64_t rows,
@@ -47,18 +74,6 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
   out << line;
 }
 
-// The library reports a failed write with the errno as a number ("(Error code 27)"); the
-// user is told what the number means.
-std::string WithSystemText(const std::string& text) {
-  static const char kCode[] = "(Error code ";
-  size_t at = text.rfind(kCode);
-  if (at == std::string::npos) return text;
-  char* end = nullptr;
-  long code = std::strtol(text.c_str() + at + sizeof kCode - 1, &end, 10);
-  if (end == nullptr || *end != ')' || code <= 0) return text;
-  return text.substr(0, end - text.c_str()) + ": " + std::strerror(static_cast<int>(code)) + end;
-}
-
 }  // namespace
 
 Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions& options,
@@ -67,8 +82,10 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
   std::error_code ec;
   std::filesystem::path farm = std::filesystem::absolute(options.farm, ec);
   if (ec) return Status::Error("farm " + options.farm + ": " + ec.message());
+  Status s = CheckFarmDir(options.farm, FarmUse::kWrite, options.init);
+  if (!s.ok()) return s;
   FarmSession session;
-  Status s = session.Open(farm.lexically_normal().string(), CVD_FARM_CREATE);
+  s = session.Open(farm.lexically_normal().string(), CVD_FARM_CREATE);
   if (!s.ok()) return s;
   std::vector<TargetColumn> targets;
   s = PrepareTargets(manifest, &targets);
@@ -88,9 +105,12 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
   int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (attempted == 0) return Status::Error("export: no column was registered");
-  if (error != nullptr) return Status::Error(WithSystemText(error));  // the library's buffer
+  if (error != nullptr) return Status::Error(error);  // the library's buffer
 
-  PrintSummary(manifest, targets, data->rows, seconds, out);
+  if (options.json)
+    PrintJsonSummary(manifest, targets, data->rows, seconds, out);
+  else
+    PrintSummary(manifest, targets, data->rows, seconds, out);
   return Status::OK();
 }
 

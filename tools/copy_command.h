@@ -1,7 +1,8 @@
 // The copy command: exports a result (a CSV file or generated rows) into the target columns
 // of a farm through the copy-into library's five functions, appending to each target or
-// replacing it, then prints what the targets hold. A failure before the export's commit
-// leaves the farm as it was: nothing is committed, and a replaced column keeps its rows.
+// replacing it, then prints what the targets hold, as a table or as one JSON object. A failure
+// before the export's commit leaves the farm as it was: nothing is committed, and a replaced column
+// keeps its rows.
 //
 // Threading: runs on the calling thread; the export writes columns on its own workers.
 #ifndef QOPCI_TOOLS_COPY_COMMAND_H_
@@ -25,9 +26,15 @@ struct CopyOptions {
   bool single_row = false;  // result without an order BAT (needs exactly one row)
   bool sync = false;        // write every column on the calling thread
   bool replace = false;     // replace every column instead of appending to it
+  bool init = false;        // make a farm in a directory that holds other files
+  bool json = false;        // print the summary as one JSON object
 };
 
-// Run one copy from the files `options` names and print the per-column summary on `out`.
+// Run one copy from the files `options` names and print the per-column summary on `out`:
+// per column its target name, type, action ("created", "appended" or "replaced"), the rows
+// it holds, its tail bytes and flags; then the rows exported and the seconds taken. As JSON:
+// {"table", "columns": [{"name", "type", "action", "rows", "tail_bytes", "flags": [...]}],
+//  "rows", "seconds"}.
 Status RunCopy(const CopyOptions& options, std::ostream& out);
 
 // The copy itself, from a parsed manifest and a loaded result; `options` gives the farm and

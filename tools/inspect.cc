@@ -1,35 +1,14 @@
 #include "tools/inspect.h"
 
 #include <cstdio>
-#include <vector>
 
 #include "corvid/farm.h"
+#include "tools/closest.h"
+#include "tools/kernel_io.h"
 
 namespace qopci {
 
 namespace {
-
-struct Entry {
-  bat id;
-  std::string name;
-};
-
-std::vector<Entry> PersistentBats() {
-  std::vector<Entry> list;
-  for (bat i = 1; i < BBPsize(); ++i) {
-    const BAT* b = BBPgetdesc(i);
-    const char* name = CVDbat_name(i);
-    if (b != nullptr && b->batPersistent && name != nullptr) list.push_back({i, name});
-  }
-  return list;
-}
-
-// The type a column holds as its users know it: the recorded SQL type ("decimal(9,2)"), or
-// the kernel's atom name when none is recorded.
-std::string TypeName(bat id, const BAT& b) {
-  const char* sql = CVDbat_sqltype(id);
-  return sql != nullptr && *sql != '\0' ? sql : ATOMname(b.ttype);
-}
 
 // The scale of a column recorded as decimal(p,s) and held as an integer type, or -1.
 int DecimalScale(bat id, const BAT& b) {
@@ -68,34 +47,24 @@ std::string FormatDecimal(const BAT& b, const void* v, int scale) {
   return x < 0 ? "-" + digits : digits;
 }
 
-bool Matches(const std::string& bat_name, const std::string& wanted) {
-  if (bat_name == wanted) return true;
-  size_t dot = bat_name.find('.');
-  return dot != std::string::npos && bat_name.compare(dot + 1, std::string::npos, wanted) == 0;
-}
-
-Status PrintValues(std::ostream& out, const Entry& e, uint64_t limit) {
-  BAT* b = BBPdescriptor(e.id);
-  if (b == nullptr) return Status::Error("cannot load column " + e.name + " from its files");
-  char* buf = nullptr;
-  size_t len = 0;
+Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit) {
+  BAT* b = BBPdescriptor(c.id);
+  if (b == nullptr) return Status::Error("cannot load column " + c.name + " from its files");
   Status s;
-  out << e.name << ":";
-  const int scale = DecimalScale(e.id, *b);
-  BUN n = b->batCount < limit ? b->batCount : limit;
-  for (BUN j = 0; j < n; ++j) {
-    const void* v = BUNtail(b, j);
-    if (v == nullptr || ATOMformat(b->ttype, v, &buf, &len) < 0) {
-      s = Status::Error("cannot format row " + std::to_string(j) + " of column " + e.name);
-      break;
+  {
+    ValueFormatter format(c.id, b);
+    out << c.name << ":";
+    BUN n = b->batCount < limit ? b->batCount : limit;
+    std::string text;
+    bool nil = false;
+    for (BUN j = 0; j < n && s.ok(); ++j) {
+      s = format.Format(j, &text, &nil);
+      if (s.ok()) out << (j == 0 ? " " : ", ") << text;
     }
-    const bool plain = scale < 0 || ATOMcmp(b->ttype, v, ATOMnil(b->ttype)) == 0;
-    out << (j == 0 ? " " : ", ") << (plain ? std::string(buf) : FormatDecimal(*b, v, scale));
+    if (s.ok() && n < b->batCount) out << (n == 0 ? " ..." : ", ...");
+    out << "\n";
   }
-  if (s.ok() && n < b->batCount) out << (n == 0 ? " ..." : ", ...");
-  out << "\n";
-  GDKfree(buf);
-  BBPreleaseref(e.id);
+  BBPreleaseref(c.id);
   return s;
 }
 
@@ -111,26 +80,82 @@ std::string FlagWords(const BAT& b) {
   return w.empty() ? "-" : w.substr(1);
 }
 
-Status PrintFarm(std::ostream& out, const std::string& column, uint64_t limit) {
-  std::vector<Entry> all = PersistentBats(), shown;
-  for (const Entry& e : all)
-    if (column.empty() || Matches(e.name, column)) shown.push_back(e);
-  if (!column.empty() && shown.empty())
-    return Status::Error("no column named \"" + column + "\" in farm " + CVDfarm_dir());
+std::vector<FarmColumn> FarmColumns() {
+  std::vector<FarmColumn> list;
+  for (bat i = 1; i < BBPsize(); ++i) {
+    const BAT* b = BBPgetdesc(i);
+    const char* name = CVDbat_name(i);
+    if (b != nullptr && b->batPersistent && name != nullptr) list.push_back({i, name});
+  }
+  return list;
+}
+
+bool NameMatches(const std::string& name, const std::string& wanted) {
+  if (name == wanted) return true;
+  size_t dot = name.find('.');
+  return dot != std::string::npos && name.compare(dot + 1, std::string::npos, wanted) == 0;
+}
+
+ValueFormatter::ValueFormatter(bat id, BAT* b) : b_(b), scale_(DecimalScale(id, *b)) {}
+
+ValueFormatter::~ValueFormatter() { GDKfree(buf_); }
+
+bool ValueFormatter::timestamp() const { return b_->ttype == ATOMindex("timestamp"); }
+
+Status ValueFormatter::Format(BUN row, std::string* text, bool* nil) {
+  const void* v = BUNtail(b_, row);
+  if (v != nullptr) {
+    *nil = ATOMcmp(b_->ttype, v, ATOMnil(b_->ttype)) == 0;
+    if (*nil) {
+      *text = "nil";
+      return Status::OK();
+    }
+    if (scale_ >= 0) {
+      *text = FormatDecimal(*b_, v, scale_);
+      return Status::OK();
+    }
+    if (ATOMformat(b_->ttype, v, &buf_, &len_) >= 0) {
+      *text = buf_;
+      // The kernel always prints milliseconds; they were given only when they are not zero.
+      if (timestamp() && text->size() > 4 && text->compare(text->size() - 4, 4, ".000") == 0)
+        text->resize(text->size() - 4);
+      return Status::OK();
+    }
+  }
+  return Status::Error("cannot format row " + std::to_string(row) + " of column " +
+                       (CVDbat_name(b_->batCacheid) ? CVDbat_name(b_->batCacheid) : "?"));
+}
+
+Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uint64_t limit) {
+  std::vector<FarmColumn> all = FarmColumns(), shown;
+  std::vector<std::string> names;
+  for (const FarmColumn& c : all) {
+    names.push_back(c.name);
+    names.push_back(c.name.substr(c.name.find('.') + 1));
+  }
+  for (const std::string& wanted : columns) {
+    size_t before = shown.size();
+    for (const FarmColumn& c : all)
+      if (NameMatches(c.name, wanted)) shown.push_back(c);
+    if (shown.size() == before)
+      return Status::Error("no column named \"" + wanted + "\" in farm " + CVDfarm_dir() +
+                           DidYouMean(wanted, names));
+  }
+  if (columns.empty()) shown = all;
 
   char line[512];
   std::snprintf(line, sizeof line, "%5s  %-24s %-14s %12s %5s %23s %23s  %s\n", "id", "name",
                 "type", "count", "width", "tail bytes used/alloc", "heap bytes used/alloc",
                 "flags");
   out << line;
-  for (const Entry& e : shown) {
-    const BAT* b = BBPgetdesc(e.id);
+  for (const FarmColumn& c : shown) {
+    const BAT* b = BBPgetdesc(c.id);
     std::string tail = std::to_string(b->theap.free) + "/" + std::to_string(b->theap.size);
     std::string heap = "-";
     if (b->tvheap != nullptr)
       heap = std::to_string(b->tvheap->free) + "/" + std::to_string(b->tvheap->size);
-    std::snprintf(line, sizeof line, "%5d  %-24s %-14s %12llu %5u %23s %23s  %s\n", e.id,
-                  e.name.c_str(), TypeName(e.id, *b).c_str(),
+    std::snprintf(line, sizeof line, "%5d  %-24s %-14s %12llu %5u %23s %23s  %s\n", c.id,
+                  c.name.c_str(), SqlTypeOf(c.id).c_str(),
                   static_cast<unsigned long long>(b->batCount), b->twidth, tail.c_str(),
                   heap.c_str(), FlagWords(*b).c_str());
     out << line;
@@ -138,8 +163,8 @@ Status PrintFarm(std::ostream& out, const std::string& column, uint64_t limit) {
   if (shown.empty()) out << "(no columns)\n";
   if (limit == 0) return Status::OK();
   out << "\n";
-  for (const Entry& e : shown) {
-    Status s = PrintValues(out, e, limit);
+  for (const FarmColumn& c : shown) {
+    Status s = PrintValues(out, c, limit);
     if (!s.ok()) return s;
   }
   return Status::OK();

@@ -1,10 +1,62 @@
 #include "tools/kernel_io.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <vector>
 
 #include "corvid/farm.h"
+#include "tools/error_text.h"
 
 namespace qopci {
+
+namespace {
+
+// Whether `dir` holds anything but what the kernel puts in a farm before its first catalog.
+Status HoldsOtherFiles(const std::string& dir, bool* other) {
+  static const char* const kKernel[] = {".", "..", "lock", "bat", "log", "catalog.new"};
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return Status::Error("cannot read " + dir + ": " + SystemText(errno));
+  *other = false;
+  while (const struct dirent* e = ::readdir(d)) {
+    bool kernel = false;
+    for (const char* k : kKernel) kernel = kernel || std::strcmp(e->d_name, k) == 0;
+    *other = *other || !kernel;
+  }
+  ::closedir(d);
+  return Status::OK();
+}
+
+}  // namespace
+
+Status CheckFarmDir(const std::string& dir, FarmUse use, bool init) {
+  const std::string make = "qopci copy --farm " + dir + " --manifest FILE --csv FILE";
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0) {
+    if (errno != ENOENT) return Status::Error("cannot use " + dir + ": " + SystemText(errno));
+    if (use == FarmUse::kRead)
+      return Status::Error("no farm at " + dir + " (make one with: " + make + ")");
+    std::filesystem::path parent = std::filesystem::path(dir).lexically_normal().parent_path();
+    if (parent.empty()) parent = ".";
+    if (::stat(parent.c_str(), &st) != 0 && errno == ENOENT)
+      return Status::Error("no farm at " + dir + ", and its parent directory " + parent.string() +
+                           " does not exist (create it, then: " + make + ")");
+    return Status::OK();
+  }
+  if (!S_ISDIR(st.st_mode)) return Status::Error("farm " + dir + " is not a directory");
+  if (::stat((dir + "/catalog").c_str(), &st) == 0) return Status::OK();
+  bool other = false;
+  Status s = HoldsOtherFiles(dir, &other);
+  if (!s.ok() || !other) return s;
+  if (use == FarmUse::kRead)
+    return Status::Error(dir + " is not a farm: it has no catalog (make one with: " + make + ")");
+  if (init) return Status::OK();
+  return Status::Error(dir + " is not a farm (it has no catalog) and is not empty: give --init " +
+                       "to make a farm in it, or choose a new or empty directory");
+}
 
 Status FromKernel(char* exception) {
   if (exception == nullptr) return Status::OK();
@@ -48,6 +100,37 @@ int ResultAtomType(const ManifestColumn& column) {
   return column.encoding == Encoding::kDecimal ? TYPE_lng : TargetAtomType(column);
 }
 
+std::string SqlWord(int atom_type) {
+  switch (atom_type) {
+    case TYPE_bit:
+      return "boolean";
+    case TYPE_bte:
+      return "tinyint";
+    case TYPE_sht:
+      return "smallint";
+    case TYPE_int:
+      return "int";
+    case TYPE_lng:
+      return "bigint";
+    case TYPE_flt:
+      return "real";
+    case TYPE_dbl:
+      return "double";
+    case TYPE_str:
+      return "varchar";
+  }
+  const char* name = atom_type >= 0 ? ATOMname(atom_type) : nullptr;
+  if (name == nullptr) return "unknown";
+  return std::string(name) == "daytime" ? "time" : name;  // date and timestamp are SQL words
+}
+
+std::string SqlTypeOf(bat id) {
+  const char* sql = CVDbat_sqltype(id);
+  if (sql != nullptr && *sql != '\0') return sql;
+  const BAT* b = BBPgetdesc(id);
+  return b != nullptr ? SqlWord(b->ttype) : "unknown";
+}
+
 std::string TargetName(const Manifest& manifest, const ManifestColumn& column) {
   return manifest.table + "." + column.name;
 }
@@ -60,14 +143,10 @@ Status CheckAppendType(const std::string& name, const ManifestColumn& column, ba
   if (b == nullptr) return Status::Error("column " + name + " is listed but has no BAT");
   const char* recorded = CVDbat_sqltype(id);
   const std::string wanted = EncodingName(column);
-  std::string held;
-  if (recorded != nullptr && *recorded != '\0') {
-    if (wanted == recorded) return Status::OK();
-    held = recorded;
-  } else {
-    if (b->ttype == TargetAtomType(column)) return Status::OK();
-    held = ATOMname(b->ttype);
-  }
+  if (recorded != nullptr && *recorded != '\0' ? wanted == recorded
+                                               : b->ttype == TargetAtomType(column))
+    return Status::OK();
+  const std::string held = SqlTypeOf(id);
   return Status::Error("column " + name + " is " + held + " in the farm, the manifest asks for " +
                        wanted + "; use --replace to change it");
 }

@@ -20,6 +20,17 @@
 
 namespace qopci {
 
+// What a command does with a farm directory: reads an existing farm, or writes one (made
+// when missing).
+enum class FarmUse { kRead, kWrite };
+
+// The checks made before the kernel opens `dir`, for mistakes a user can act on: a farm
+// that is missing (for a writer: whose parent directory is missing; the tool makes no
+// directory trees), and a directory that holds other files but no farm, which a writer
+// takes over only with `init`. A half-made farm (one whose first catalog was never put in
+// place, holding only the kernel's own entries) passes: the kernel finishes it.
+Status CheckFarmDir(const std::string& dir, FarmUse use, bool init);
+
 // Turn a kernel exception text (or NULL) into a Status; frees the text.
 Status FromKernel(char* exception);
 
@@ -28,6 +39,14 @@ Status FromKernel(char* exception);
 // width (bte, sht, int or lng); its result BAT holds lng (ResultAtomType).
 int TargetAtomType(const ManifestColumn& column);
 int ResultAtomType(const ManifestColumn& column);
+
+// The SQL word for a kernel atom type ("bigint" for lng, "double" for dbl), for columns
+// that record no SQL type; the atom's own name when SQL has no word for it.
+std::string SqlWord(int atom_type);
+
+// The type a persistent BAT holds as its users know it: its recorded SQL type
+// ("decimal(9,2)"), else SqlWord() of its atom type.
+std::string SqlTypeOf(bat id);
 
 // The name of a column's target BAT: "<table>.<column>".
 std::string TargetName(const Manifest& manifest, const ManifestColumn& column);

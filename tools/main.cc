@@ -1,10 +1,14 @@
 // qopci: the command-line tool around the copy-into library and the embedded kernel.
+//   qopci [--verbose] [--version]
 //   qopci copy --farm DIR --manifest FILE (--csv FILE | --generate ROWS) [--single-row] [--sync]
-//              [--replace]
-//   qopci inspect --farm DIR [--column NAME] [--limit N]
+//              [--replace] [--init] [--json]
+//   qopci inspect --farm DIR [--column NAME]... [--limit N]
+//   qopci inspect --farm DIR --rows [--table T] [--column NAME]... [--limit N | --all]
+//                 [--format table|csv|json]
 //   qopci bench [--rows N] [--columns SPEC] [--random] [--queued|--sync] [--runs K] [--dir DIR]
 //               [--json] [--chunk-size C]
-// Errors go to stderr with exit status 1.
+// Errors go to stderr in plain words with exit status 1; --verbose adds the kernel's and the
+// library's own texts, and copy --json also prints {"error", "detail"} on stdout.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
@@ -13,18 +17,61 @@
 #include "corvid/farm.h"
 #include "tools/bench_command.h"
 #include "tools/copy_command.h"
+#include "tools/error_text.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
+#include "tools/row_view.h"
 
 namespace {
 
-qopci::Status RunInspect(const std::string& farm, const std::string& column, uint64_t limit) {
+struct InspectOptions {
+  std::string farm;
+  std::vector<std::string> columns;
+  uint64_t limit = 10;
+  bool rows = false;  // the row view instead of the catalog and values
+  bool all = false;
+  std::string table, format = "table";
+};
+
+qopci::Status RunInspect(const InspectOptions& o) {
+  qopci::RowViewOptions view{o.table, o.columns, o.all ? qopci::kAllRows : o.limit};
+  if (!qopci::ParseRowFormat(o.format, &view.format))
+    return qopci::Status::Error("unknown --format \"" + o.format + "\": table, csv or json");
   // A reader: it must never create, rename or remove anything in the farm.
-  qopci::Status s = qopci::FromKernel(CVDfarm_open(farm.c_str(), CVD_FARM_READONLY));
+  qopci::Status s = qopci::CheckFarmDir(o.farm, qopci::FarmUse::kRead, false);
+  if (s.ok()) s = qopci::FromKernel(CVDfarm_open(o.farm.c_str(), CVD_FARM_READONLY));
   if (!s.ok()) return s;
-  s = qopci::PrintFarm(std::cout, column, limit);
+  s = o.rows ? qopci::PrintRows(std::cout, view) : qopci::PrintFarm(std::cout, o.columns, o.limit);
   CVDfarm_close();
   return s;
+}
+
+// A usage error in plain words: the first unknown command or option with the closest known
+// one, else CLI11's own text.
+std::string UsageError(CLI::App& app, int argc, char** argv, const CLI::ParseError& e) {
+  auto spellings = [](const CLI::App* a) {
+    std::vector<std::string> words;
+    for (const CLI::Option* o : a->get_options()) {
+      for (const std::string& n : o->get_lnames()) words.push_back("--" + n);
+      for (const std::string& n : o->get_snames()) words.push_back("-" + n);
+    }
+    return words;
+  };
+  std::vector<qopci::CommandWords> commands;
+  for (const CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; }))
+    commands.push_back({sub->get_name(), spellings(sub)});
+  std::string unknown = qopci::UnknownWord(std::vector<std::string>(argv + 1, argv + argc),
+                                           commands, spellings(&app));
+  return unknown.empty() ? e.what() : unknown;
+}
+
+// Prints a failure: plain on stderr (with the raw text under --verbose), and as JSON on
+// stdout for a command whose output is JSON.
+void Report(const qopci::Status& s, bool verbose, bool json) {
+  const std::string plain = qopci::PlainMessage(s.message());
+  if (json) std::cout << qopci::ErrorJson(s.message()) << std::endl;
+  std::cerr << "qopci: " << plain << "\n";
+  if (verbose && plain != s.message()) std::cerr << "qopci: detail: " << s.message() << "\n";
 }
 
 }  // namespace
@@ -35,6 +82,10 @@ int main(int argc, char** argv) {
   std::signal(SIGXFSZ, SIG_IGN);
   CLI::App app{"qopci: export query results into column files and read them back"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "qopci " QOPCI_VERSION);
+  bool verbose = false;
+  app.add_flag("--verbose", verbose, "also print the kernel's and the library's own error texts");
+  app.fallthrough();  // --verbose may follow the subcommand
 
   qopci::CopyOptions copy;
   CLI::App* copy_cmd = app.add_subcommand("copy", "export a CSV or generated result into a farm");
@@ -59,12 +110,22 @@ int main(int argc, char** argv) {
       "continues from the rows the column holds (count+1, count+2, ...).\n"
       "A column's \"mode\" is \"append\" (the default) or \"replace\".");
 
-  std::string farm, column;
-  uint64_t limit = 10;
-  CLI::App* inspect_cmd = app.add_subcommand("inspect", "print a farm's catalog and values");
-  inspect_cmd->add_option("--farm", farm, "farm directory")->required();
-  inspect_cmd->add_option("--column", column, "only this column (table.column or column)");
-  inspect_cmd->add_option("--limit", limit, "values printed per column (default 10)");
+  copy_cmd->add_flag("--init", copy.init,
+                     "make the farm in a directory that holds other files but no farm");
+  copy_cmd->add_flag("--json", copy.json, "print the summary (or the error) as one JSON object");
+
+  InspectOptions inspect;
+  CLI::App* inspect_cmd =
+      app.add_subcommand("inspect", "print a farm's catalog and values, or its rows");
+  inspect_cmd->add_option("--farm", inspect.farm, "farm directory")->required();
+  inspect_cmd->add_option("--column", inspect.columns,
+                          "only this column (table.column or column); repeat for more");
+  auto* limit =
+      inspect_cmd->add_option("--limit", inspect.limit, "values or rows printed (default 10)");
+  inspect_cmd->add_flag("--rows", inspect.rows, "print a table's columns side by side as rows");
+  inspect_cmd->add_flag("--all", inspect.all, "print every row (implies --rows)")->excludes(limit);
+  inspect_cmd->add_option("--table", inspect.table, "the table whose rows are printed (--rows)");
+  inspect_cmd->add_option("--format", inspect.format, "table (default), csv or json (--rows)");
 
   qopci::BenchOptions bench;
   CLI::App* bench_cmd = qopci::AddBenchCommand(&app, &bench);
@@ -72,24 +133,28 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    // Usage errors print CLI11's text and, like every other failure, exit with 1.
-    return app.exit(e) == 0 ? 0 : 1;
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    // Usage errors, like every other failure, exit with 1.
+    std::cerr << "qopci: " << UsageError(app, argc, argv, e) << "\n";
+    return 1;
   }
 
   qopci::Status s;
   if (copy_cmd->parsed()) {
-    if (csv->count() == 0 && gen->count() == 0) {
-      std::cerr << "qopci copy: one of --csv FILE or --generate ROWS is required\n";
-      return 1;
-    }
-    s = qopci::RunCopy(copy, std::cout);
+    if (csv->count() == 0 && gen->count() == 0)
+      s = qopci::Status::Error("copy: one of --csv FILE or --generate ROWS is required");
+    else
+      s = qopci::RunCopy(copy, std::cout);
   } else if (bench_cmd->parsed()) {
     s = qopci::RunBench(bench, std::cout, std::cerr);
   } else {
-    s = RunInspect(farm, column, limit);
+    // Any option of the row view asks for it.
+    inspect.rows =
+        inspect.rows || inspect.all || !inspect.table.empty() || inspect_cmd->count("--format") > 0;
+    s = RunInspect(inspect);
   }
   if (!s.ok()) {
-    std::cerr << "qopci: " << s.message() << "\n";
+    Report(s, verbose, copy_cmd->parsed() && copy.json);
     return 1;
   }
   return 0;

@@ -77,7 +77,7 @@ TEST_F(FarmTest, TargetsAreCreatedOnceWithTheirTypeAndCheckedOnAppend) {
   } clashes[] = {
       {R"({"name": "d", "type": "int"})", "t.d is bigint in the farm, the manifest asks for int"},
       {R"j({"name": "old", "type": "decimal(9,2)"})j",
-       "t.old is lng in the farm, the manifest asks for decimal(9,2)"},
+       "t.old is bigint in the farm, the manifest asks for decimal(9,2)"},
       {R"({"name": "old", "type": "bigint"})", ""},
   };
   for (const auto& c : clashes) {
@@ -140,15 +140,17 @@ TEST_F(FarmTest, InspectPrintsCatalogAndValues) {
   ASSERT_EQ(TMcommit(), 0);
 
   std::ostringstream all;
-  ASSERT_TRUE(PrintFarm(all, "", 3).ok());
+  ASSERT_TRUE(PrintFarm(all, {}, 3).ok());
   EXPECT_NE(all.str().find("\nt.a: 0, 1, 2, ...\n"), std::string::npos) << all.str();
   EXPECT_NE(all.str().find("t.ts: 2013-01-01 00:00:00"), std::string::npos) << all.str();
 
   std::ostringstream one;
-  ASSERT_TRUE(PrintFarm(one, "ts", 0).ok());
+  ASSERT_TRUE(PrintFarm(one, {"ts"}, 0).ok());
   EXPECT_EQ(one.str().find("t.a"), std::string::npos);
   EXPECT_NE(one.str().find("t.ts"), std::string::npos);
-  EXPECT_EQ(PrintFarm(one, "zz", 1).message(), "no column named \"zz\" in farm " + dir_);
+  EXPECT_EQ(PrintFarm(one, {"zz"}, 1).message(), "no column named \"zz\" in farm " + dir_);
+  EXPECT_EQ(PrintFarm(one, {"tss"}, 1).message(),
+            "no column named \"tss\" in farm " + dir_ + " (did you mean \"ts\"?)");
 }
 
 }  // namespace

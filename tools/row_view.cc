@@ -1,0 +1,204 @@
+#include "tools/row_view.h"
+
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "corvid/farm.h"
+#include "tools/closest.h"
+#include "tools/inspect.h"
+#include "tools/kernel_io.h"
+
+namespace qopci {
+
+namespace {
+
+std::string TableOf(const std::string& name) {
+  size_t dot = name.find('.');
+  return dot == std::string::npos ? std::string() : name.substr(0, dot);
+}
+
+std::string ShortName(const std::string& name) { return name.substr(name.find('.') + 1); }
+
+std::string Join(const std::vector<std::string>& words) {
+  std::string s;
+  for (const std::string& w : words) s += (s.empty() ? "" : ", ") + w;
+  return s;
+}
+
+// The columns `o` chooses, all of one table.
+Status ChooseColumns(const RowViewOptions& o, std::vector<FarmColumn>* out) {
+  const std::string farm = CVDfarm_dir();
+  std::vector<FarmColumn> all = FarmColumns();
+  std::vector<std::string> tables, names;
+  for (const FarmColumn& c : all) {
+    names.push_back(c.name);
+    names.push_back(ShortName(c.name));
+    if (std::find(tables.begin(), tables.end(), TableOf(c.name)) == tables.end())
+      tables.push_back(TableOf(c.name));
+  }
+  if (all.empty()) return Status::Error("farm " + farm + " holds no columns");
+  if (!o.table.empty() && std::find(tables.begin(), tables.end(), o.table) == tables.end())
+    return Status::Error("no table named \"" + o.table + "\" in farm " + farm +
+                         DidYouMean(o.table, tables));
+  if (o.columns.empty()) {
+    if (o.table.empty() && tables.size() > 1)
+      return Status::Error("farm " + farm + " holds the tables " + Join(tables) +
+                           ": choose one with --table");
+    const std::string table = o.table.empty() ? tables[0] : o.table;
+    for (const FarmColumn& c : all)
+      if (TableOf(c.name) == table) out->push_back(c);
+    return Status::OK();
+  }
+  for (const std::string& wanted : o.columns) {
+    std::vector<FarmColumn> found;
+    for (const FarmColumn& c : all)
+      if (NameMatches(c.name, wanted) && (o.table.empty() || TableOf(c.name) == o.table))
+        found.push_back(c);
+    if (found.empty())
+      return Status::Error("no column named \"" + wanted + "\" in " +
+                           (o.table.empty() ? "farm " + farm : "table " + o.table) +
+                           DidYouMean(wanted, names));
+    if (found.size() > 1)
+      return Status::Error("column \"" + wanted + "\" is in more than one table (" + found[0].name +
+                           ", " + found[1].name + "): give --table or the full name");
+    if (!out->empty() && TableOf(found[0].name) != TableOf(out->front().name))
+      return Status::Error("columns " + out->front().name + " and " + found[0].name +
+                           " are of different tables: rows are printed for one table");
+    out->push_back(found[0]);
+  }
+  return Status::OK();
+}
+
+// A value that JSON can hold as a number: integers and finite doubles.
+bool JsonNumber(const ValueFormatter& f, const BAT& b, const std::string& text) {
+  if (f.decimal() || f.timestamp()) return false;
+  const bool numeric = b.ttype == TYPE_bte || b.ttype == TYPE_sht || b.ttype == TYPE_int ||
+                       b.ttype == TYPE_lng || b.ttype == TYPE_oid || b.ttype == TYPE_flt ||
+                       b.ttype == TYPE_dbl;
+  const size_t first = text.size() > 1 && text[0] == '-' ? 1 : 0;
+  return numeric && first < text.size() && text[first] >= '0' && text[first] <= '9';
+}
+
+std::string JsonString(const std::string& text) { return nlohmann::json(text).dump(); }
+
+struct Loaded {
+  FarmColumn column;
+  BAT* b;
+  std::unique_ptr<ValueFormatter> format;
+};
+
+Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& cols) {
+  const BUN count = cols[0].b->batCount;
+  const BUN n = count < o.limit ? count : static_cast<BUN>(o.limit);
+  std::string text, line;
+  bool nil = false;
+  std::vector<size_t> width;  // the table view's column widths
+  if (o.format == RowFormat::kTable) {
+    for (const Loaded& c : cols) width.push_back(ShortName(c.column.name).size());
+    for (BUN r = 0; r < n; ++r)
+      for (size_t k = 0; k < cols.size(); ++k) {
+        Status s = cols[k].format->Format(r, &text, &nil);
+        if (!s.ok()) return s;
+        width[k] = std::max(width[k], text.size());
+      }
+  }
+  // One cell of the current line, after `k` others.
+  auto cell = [&](size_t k, const std::string& value) {
+    if (o.format == RowFormat::kTable) {
+      line += k == 0 ? "" : "  ";
+      line.append(width[k] - std::min(width[k], value.size()), ' ');
+      line += value;
+    } else {
+      line += k == 0 ? "" : o.format == RowFormat::kCsv ? "," : ", ";
+      line += value;
+    }
+  };
+  if (o.format == RowFormat::kJson) {
+    line = "{\"table\": " + JsonString(TableOf(cols[0].column.name)) + ", \"columns\": [";
+    for (size_t k = 0; k < cols.size(); ++k)
+      line += std::string(k == 0 ? "" : ", ") +
+              "{\"name\": " + JsonString(ShortName(cols[k].column.name)) +
+              ", \"type\": " + JsonString(SqlTypeOf(cols[k].column.id)) + "}";
+    line += "], \"count\": " + std::to_string(count) + ", \"rows\": [";
+  } else {
+    for (size_t k = 0; k < cols.size(); ++k) {
+      const std::string name = ShortName(cols[k].column.name);
+      cell(k, o.format == RowFormat::kCsv ? CsvField(name) : name);
+    }
+  }
+  out << line;
+  for (BUN r = 0; r < n; ++r) {
+    line = o.format == RowFormat::kJson ? (r == 0 ? "\n[" : ",\n[") : "\n";
+    for (size_t k = 0; k < cols.size(); ++k) {
+      Status s = cols[k].format->Format(r, &text, &nil);
+      if (!s.ok()) return s;
+      if (o.format == RowFormat::kCsv)
+        cell(k, nil ? std::string() : CsvField(text));
+      else if (o.format == RowFormat::kJson)
+        cell(k, nil                                             ? "null"
+                : JsonNumber(*cols[k].format, *cols[k].b, text) ? text
+                                                                : JsonString(text));
+      else
+        cell(k, text);
+    }
+    if (o.format == RowFormat::kJson) line += "]";
+    out << line;
+  }
+  if (o.format == RowFormat::kJson) out << "]}";
+  out << "\n";
+  if (o.format == RowFormat::kTable && n < count)
+    out << "(" << n << " of " << count << " rows; --all prints every row)\n";
+  return Status::OK();
+}
+
+}  // namespace
+
+bool ParseRowFormat(const std::string& word, RowFormat* out) {
+  if (word == "table")
+    *out = RowFormat::kTable;
+  else if (word == "csv")
+    *out = RowFormat::kCsv;
+  else if (word == "json")
+    *out = RowFormat::kJson;
+  else
+    return false;
+  return true;
+}
+
+std::string CsvField(const std::string& text) {
+  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  std::string q = "\"";
+  for (char c : text) q += c == '"' ? "\"\"" : std::string(1, c);
+  return q + "\"";
+}
+
+Status PrintRows(std::ostream& out, const RowViewOptions& options) {
+  std::vector<FarmColumn> chosen;
+  Status s = ChooseColumns(options, &chosen);
+  if (!s.ok()) return s;
+  std::vector<Loaded> cols;
+  for (const FarmColumn& c : chosen) {
+    BAT* b = BBPdescriptor(c.id);
+    if (b == nullptr) {
+      s = Status::Error("cannot load column " + c.name + " from its files");
+      break;
+    }
+    cols.push_back({c, b, std::make_unique<ValueFormatter>(c.id, b)});
+    if (b->batCount != cols[0].b->batCount) {
+      s = Status::Error("columns " + cols[0].column.name + " (" +
+                        std::to_string(cols[0].b->batCount) + " rows) and " + c.name + " (" +
+                        std::to_string(b->batCount) +
+                        " rows) differ in length: choose columns of one length with --column");
+      break;
+    }
+  }
+  if (s.ok()) s = Print(out, options, cols);
+  for (Loaded& c : cols) {
+    c.format.reset();
+    BBPreleaseref(c.column.id);
+  }
+  return s;
+}
+
+}  // namespace qopci
