@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 
+#include "tools/column_attributes.h"
 
 namespace qopci {
 namespace {
@@ -42,6 +43,53 @@ TEST(AttributeTableTest, DocumentedTableMatchesTheCode) {
     if (spec.read) code[n] = std::string(CallName(spec.call)) + " | " + RangeText(spec.range);
   }
   EXPECT_EQ(DocTable(), code);
+}
+
+// What RegisteredAttributes() hands the library as attribute 2 for a manifest that skipped
+// the manifest checks, or its refusal.
+std::string ChunkSizeRegistered(const std::string& manifest_json, uint64_t rows) {
+  Manifest m;
+  Status s = ParseManifest(manifest_json, &m);
+  std::vector<Attribute> attrs;
+  if (s.ok()) s = RegisteredAttributes(m, m.columns[0], {"/f/bat/07.tail", 0}, false, rows, &attrs);
+  if (!s.ok()) return s.message();
+  std::string registered;
+  for (const Attribute& a : attrs)
+    if (a.number == 2) registered = std::string(CallName(a.kind)) + " " + std::to_string(a.value);
+  return registered;
+}
+
+TEST(AttributeTableTest, RegisteredChunkSizeFollowsTheRowsAndTheFinalCheckRefuses) {
+  auto manifest = [](const std::string& chunk, const std::string& attrs) {
+    return R"({"table": "t", )" + chunk + R"( "columns": [{"name": "c", "type": "bigint",
+        "attributes": {)" +
+           attrs + "}}]}";
+  };
+  const struct {
+    std::string json;
+    uint64_t rows;
+    std::string want;
+  } cases[] = {
+      {manifest("", ""), 49, "int 49"},
+      {manifest("", ""), 0, "int 1"},
+      {manifest("", ""), 100000, "int 65536"},
+      {manifest(R"("chunk_size": 16777216,)", ""), 20000000, "int 16777216"},
+      {manifest("", R"("2": 500)"), 49, "int 49"},  // a raw chunk size is cut as well
+      // Values the manifest checks refuse never reach the library through this gate either.
+      {manifest(R"("chunk_size": 2147483647,)", ""), 3000000000,
+       "internal error: column c: attribute 2 (chunk size) would be registered as 2147483647, "
+       "outside 1 to 16777216"},
+      {manifest("", R"("5": 1099511627776)"), 49,
+       "internal error: column c: attribute 5 (tail file) would be registered as lng, but the "
+       "library reads it as str"},
+      {manifest("", R"("3": 9)"), 49,
+       "internal error: column c: attribute 3 (chunker type code) would be registered as 9, "
+       "outside 0 to 8"},
+      {manifest("", R"("34": 4294967296)"), 49,
+       "internal error: column c: attribute 34 would be registered as int, but 4294967296 needs "
+       "64 bits"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(ChunkSizeRegistered(c.json, c.rows), c.want) << c.json;
 }
 
 }  // namespace
