@@ -28,9 +28,12 @@ ReaderMaker g_readers[kReaderKinds];
 
 // ---- Chunkers ------------------------------------------------------------------------
 
-// A chunk of no values would drop every value of the column.
+// A chunk of no values would drop every value of the column. A chunk is allocated whole
+// for every column before its first value arrives, so an unbounded size is an unbounded
+// allocation: 16777216 values is 128 MiB for 8-byte values (docs/attributes.md).
 void CheckChunkSize(int chunk_size) {
   if (chunk_size < 1) throw "Chunk size must be at least 1";
+  if (chunk_size > 16777216) throw "Chunk size must be at most 16777216";
 }
 
 ChunkerBase* MakeSimpleTypeChunker(CIManager& m, CIManager::ColumnEntry& e) {

@@ -22,6 +22,7 @@
 #include "corvid/mtime.h"
 #include "corvid/sql.h"
 #include "qopci/qopci.h"
+#include "tools/attribute_table.h"
 #include "tools/kernel_io.h"
 #include "tools/session.h"
 
@@ -215,7 +216,7 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
     s = PrepareTargets(manifest, &targets);
     int result_id = 0;
     if (s.ok()) s = BuildResultTable(session.context(), manifest, data, false, &result_id);
-    if (s.ok()) s = RegisterColumns(manifest, targets, false);
+    if (s.ok()) s = RegisterColumns(manifest, targets, false, data.rows);
     if (!s.ok()) return s;
 
     Settle(warm);
@@ -281,6 +282,8 @@ Status CheckBenchOptions(const BenchOptions& o) {
     return Status::Error("--rows must be 1 to " + std::to_string(kMaxResultRows));
   if (o.runs < 1) return Status::Error("--runs must be at least 1");
   if (o.chunk_size < 1) return Status::Error("--chunk-size must be at least 1");
+  if (o.chunk_size > kMaxChunkSize)
+    return Status::Error("--chunk-size must be at most " + std::to_string(kMaxChunkSize));
   if (o.dir.empty()) return Status::Error("--dir must not be empty");
   return Status::OK();
 }

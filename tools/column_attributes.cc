@@ -1,6 +1,9 @@
 #include "tools/column_attributes.h"
 
+#include <algorithm>
 #include <limits>
+
+#include "tools/attribute_table.h"
 
 namespace qopci {
 
@@ -36,6 +39,10 @@ enum : int {
 
 std::string ColumnPrefix(const std::string& name) { return "manifest: column \"" + name + "\": "; }
 
+bool FitsInt32(int64_t v) {
+  return v >= std::numeric_limits<int32_t>::min() && v <= std::numeric_limits<int32_t>::max();
+}
+
 // The last raw override of `number`, or null.
 const Attribute* Override(const ManifestColumn& column, int number) {
   const Attribute* found = nullptr;
@@ -46,18 +53,43 @@ const Attribute* Override(const ManifestColumn& column, int number) {
 
 }  // namespace
 
+Status CheckAttributes(Manifest* manifest) {
+  if (manifest->chunk_size > kMaxChunkSize)
+    return Status::Error("manifest: \"chunk_size\" must be 1 to " + std::to_string(kMaxChunkSize) +
+                         ", not " + std::to_string(manifest->chunk_size));
+  for (const ManifestColumn& c : manifest->columns) {
+    for (const Attribute& a : c.overrides) {
+      const AttributeSpec& spec = AttributeInfo(a.number);
+      const std::string what = ColumnPrefix(c.name) + "attribute " + std::to_string(a.number) +
+                               " (" + spec.meaning + ")";
+      if (!spec.read) {
+        manifest->warnings.push_back(what +
+                                     " is not read by this version of the library; it is "
+                                     "registered but changes nothing");
+        continue;
+      }
+      if ((spec.call == Attribute::kStr) != (a.kind == Attribute::kStr))
+        return Status::Error(
+            what + " must be a " +
+            (spec.call == Attribute::kStr ? "string, not a number" : "number, not a string"));
+      if (spec.call == Attribute::kInt && !FitsInt32(a.value))
+        return Status::Error(what + " must be a 32-bit integer, not " + std::to_string(a.value));
+      if (a.kind != Attribute::kStr && !InRange(spec.range, a.value))
+        return Status::Error(what + " must be " +
+                             (spec.range.kind == AttributeRange::kCodes ? "one of " : "") +
+                             RangeText(spec.range) + ", not " + std::to_string(a.value));
+    }
+  }
+  return Status::OK();
+}
+
 Status ResolveModes(Manifest* manifest, bool replace_all) {
+  Status checked = CheckAttributes(manifest);
+  if (!checked.ok()) return checked;
   for (ManifestColumn& c : manifest->columns) {
     const std::string where = ColumnPrefix(c.name);
-    const Attribute* file = Override(c, kTailFile);
     const Attribute* keep = Override(c, kKeepExisting);
     const Attribute* count = Override(c, kExistingCount);
-    if (file != nullptr && file->kind != Attribute::kStr)
-      return Status::Error(where + "attribute 5 (the tail file) must be a string");
-    for (const Attribute* a : {keep, count})
-      if (a != nullptr && a->kind == Attribute::kStr)
-        return Status::Error(where + "attribute " + std::to_string(a->number) +
-                             " must be an integer");
     const std::string keep_text = keep ? "attribute 6 = " + std::to_string(keep->value) : "";
     const std::string count_text = count ? "attribute 38 = " + std::to_string(count->value) : "";
     if (keep != nullptr && keep->value == 0) {
@@ -169,22 +201,33 @@ std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const Manifest
   for (const Attribute& o : column.overrides) {
     Attribute a = o;
     if (a.kind != Attribute::kStr) {
-      // An override keeps the size the encoding registers that number with; a new number
-      // is an int when its value fits in 32 bits.
-      bool was_lng = false, known = false;
-      for (const Attribute& e : attrs)
-        if (e.number == a.number && e.kind != Attribute::kStr) {
-          known = true;
-          was_lng = e.kind == Attribute::kLng;
-        }
-      bool fits = a.value >= std::numeric_limits<int32_t>::min() &&
-                  a.value <= std::numeric_limits<int32_t>::max();
-      a.kind = (known ? was_lng : !fits) ? Attribute::kLng : Attribute::kInt;
-      if (a.kind == Attribute::kInt && !fits) a.kind = Attribute::kLng;
+      // A number the library reads as a number gets the size it reads; another is an int
+      // when its value fits in 32 bits (a number where a string is read stays a number, for
+      // RegisteredAttributes() to refuse).
+      const AttributeSpec& spec = AttributeInfo(a.number);
+      const bool sized = spec.read && spec.call != Attribute::kStr;
+      a.kind = sized ? spec.call : FitsInt32(a.value) ? Attribute::kInt : Attribute::kLng;
     }
     attrs.push_back(a);
   }
   return attrs;
+}
+
+Status RegisteredAttributes(const Manifest& manifest, const ManifestColumn& column,
+                            const TargetInfo& target, bool force_sync, uint64_t rows,
+                            std::vector<Attribute>* out) {
+  *out = ColumnAttributes(manifest, column, target, force_sync);
+  // Every column allocates a chunk of chunk-size values at once: a small result gets a chunk
+  // of its own size, so its memory follows its rows and not the manifest's chunk size.
+  const int64_t fit =
+      static_cast<int64_t>(std::min<uint64_t>(std::max<uint64_t>(rows, 1), uint64_t{INT64_MAX}));
+  for (Attribute& a : *out)
+    if (a.number == kChunkSize && a.kind != Attribute::kStr && a.value > fit) a.value = fit;
+  for (const Attribute& a : *out) {
+    Status s = CheckRegistered(column.name, a);
+    if (!s.ok()) return s;
+  }
+  return Status::OK();
 }
 
 }  // namespace qopci

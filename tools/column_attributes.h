@@ -16,10 +16,16 @@
 
 namespace qopci {
 
-// Settle every column's mode: replace with `replace_all` (copy --replace), with "mode":
-// "replace", or with a raw attribute 6 = 0; append otherwise. Refuses raw attributes 5, 6
-// and 38 of the wrong kind, and those that contradict the mode or each other, naming the
-// column and the attribute. Needs no farm.
+// Check the manifest's chunk size and every raw attribute against the attribute table: a
+// string where the library reads a string, a number that fits the call and the range where
+// it reads a number. A number the library does not read is kept, with a warning appended to
+// manifest->warnings. The error names the column, the attribute and what it must be.
+Status CheckAttributes(Manifest* manifest);
+
+// Run CheckAttributes(), then settle every column's mode: replace with `replace_all` (copy
+// --replace), with "mode": "replace", or with a raw attribute 6 = 0; append otherwise.
+// Refuses raw attributes 6 and 38 that contradict the mode or each other, naming the column
+// and the attribute. Needs no farm.
 Status ResolveModes(Manifest* manifest, bool replace_all);
 
 // What the export needs to know of a column's target BAT.
@@ -41,6 +47,13 @@ Status CheckTargetOverrides(const std::string& target_name, const ManifestColumn
 // With force_sync the column is written on the calling thread whatever the manifest says.
 std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const ManifestColumn& column,
                                         const TargetInfo& target, bool force_sync);
+
+// What the tool hands the library for a column of a result of `rows` rows: ColumnAttributes()
+// with a chunk size above max(rows, 1) cut to it, each then checked by CheckRegistered(). A
+// failure is an internal error: the manifest checks should have refused the value.
+Status RegisteredAttributes(const Manifest& manifest, const ManifestColumn& column,
+                            const TargetInfo& target, bool force_sync, uint64_t rows,
+                            std::vector<Attribute>* out);
 
 }  // namespace qopci
 

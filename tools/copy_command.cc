@@ -97,7 +97,7 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
         NumberSerial(data->rows, t.info.existing_count + 1, &c);
   int result_id = 0;
   s = BuildResultTable(session.context(), manifest, *data, options.single_row, &result_id);
-  if (s.ok()) s = RegisterColumns(manifest, targets, options.sync);
+  if (s.ok()) s = RegisterColumns(manifest, targets, options.sync, data->rows);
   if (!s.ok()) return s;
 
   char* error = nullptr;

@@ -88,6 +88,9 @@ Status ParseOverrides(const json& attrs, ManifestColumn* column) {
       return Status::Error(where + "attribute \"" + key + "\" is not a number from 0 to 50");
     if (value.is_string()) {
       column->overrides.push_back(Attribute::Str(number, value.get<std::string>()));
+    } else if (value.is_number_unsigned() &&
+               value.get<uint64_t>() > uint64_t{std::numeric_limits<int64_t>::max()}) {
+      return Status::Error(where + "attribute \"" + key + "\" must fit in a 64-bit integer");
     } else if (value.is_number_integer()) {
       // Kept as a 64-bit value here; ColumnAttributes() picks the size the export reads.
       column->overrides.push_back(Attribute::Lng(number, value.get<int64_t>()));

@@ -41,13 +41,13 @@ Status RegisterAttribute(const std::string& column, const Attribute& a) {
 }
 
 Status RegisterColumns(const Manifest& manifest, const std::vector<TargetColumn>& targets,
-                       bool force_sync) {
+                       bool force_sync, uint64_t rows) {
   for (const TargetColumn& t : targets) {
     const ManifestColumn& c = manifest.columns[t.manifest_index];
-    for (const Attribute& a : ColumnAttributes(manifest, c, t.info, force_sync)) {
-      Status s = RegisterAttribute(c.name, a);
-      if (!s.ok()) return s;
-    }
+    std::vector<Attribute> attrs;
+    Status s = RegisteredAttributes(manifest, c, t.info, force_sync, rows, &attrs);
+    for (size_t k = 0; s.ok() && k < attrs.size(); ++k) s = RegisterAttribute(c.name, attrs[k]);
+    if (!s.ok()) return s;
   }
   return Status::OK();
 }

@@ -4,6 +4,7 @@
 #ifndef QOPCI_TOOLS_SESSION_H_
 #define QOPCI_TOOLS_SESSION_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -37,9 +38,10 @@ class FarmSession {
 // Registers attribute `a` of `column` with the matching qopci_add_col_metadata_ call.
 Status RegisterAttribute(const std::string& column, const Attribute& a);
 
-// Registers every attribute of every target's column (ColumnAttributes()).
+// Registers every attribute of every target's column for a result of `rows` rows
+// (RegisteredAttributes()); nothing of a column whose attributes fail the final check.
 Status RegisterColumns(const Manifest& manifest, const std::vector<TargetColumn>& targets,
-                       bool force_sync);
+                       bool force_sync, uint64_t rows);
 
 }  // namespace qopci
 

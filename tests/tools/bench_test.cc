@@ -76,6 +76,8 @@ TEST(BenchOptionsTest, CommandLines) {
       {{"bench", "--rows", "3000000000"}, true, "--rows must be 1 to 2147483647", 0, 5, false},
       {{"bench", "--runs", "0"}, true, "--runs must be at least 1", 10000000, 0, false},
       {{"bench", "--chunk-size", "0"}, true, "--chunk-size must be at least 1", 10000000, 5, false},
+      {{"bench", "--chunk-size", "16777217"}, true, "--chunk-size must be at most 16777216",
+       10000000, 5, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args.size() > 1 ? c.args[1] : c.args[0]);

@@ -222,5 +222,44 @@ TEST_F(CopyTest, InspectOnlyReadsAndASecondWriterIsRefused) {
   EXPECT_EQ(Values("x"), "t.x: 1");
 }
 
+TEST_F(CopyTest, ManifestAttributesAreCheckedAgainstTheTable) {
+  const std::string c = R"("name": "id", "type": "int")";
+  const std::string id = "manifest: column \"id\": attribute ";
+  const struct {
+    std::string head;  // members before "columns"
+    std::string attrs;
+    int status;
+    std::string want;  // the whole output when refused; a line of it on success
+  } cases[] = {
+      {"", R"("5": 1099511627776)", 1, id + "5 (tail file) must be a string, not a number"},
+      {"", R"("2": "64")", 1, id + "2 (chunk size) must be a number, not a string"},
+      {"", R"("34": 4294967296)", 1,
+       id + "34 (queued writing) must be a 32-bit integer, not 4294967296"},
+      {"", R"("3": 9)", 1, id + "3 (chunker type code) must be 0 to 8, not 9"},
+      {"", R"("33": 2)", 1, id + "33 (source kind) must be one of 0, 1, not 2"},
+      {"", R"("2": 16777217)", 1, id + "2 (chunk size) must be 1 to 16777216, not 16777217"},
+      {"", R"("38": 18446744073709551615)", 1, id + "\"38\" must fit in a 64-bit integer"},
+      {R"("chunk_size": 2147483647,)", "", 1,
+       "manifest: \"chunk_size\" must be 1 to 16777216, not 2147483647"},
+      {"", R"("12": 7)", 0,
+       "qopci: warning: " + id +
+           "12 (string chunker option) is not read by this version of the "
+           "library; it is registered but changes nothing"},
+  };
+  const std::string manifest = dir_ + "/m.json";
+  for (const auto& k : cases) {
+    std::ofstream(manifest) << R"({"table": "t", )" << k.head << R"( "columns": [{)" << c
+                            << R"(, "attributes": {)" << k.attrs << "}}]}";
+    auto [status, output] =
+        RunQopci("copy --farm " + options_.farm + " --manifest " + manifest + " --generate 3");
+    EXPECT_EQ(status, k.status) << k.attrs << output;
+    if (k.status != 0)
+      EXPECT_EQ(output, "qopci: " + k.want + "\n");
+    else
+      EXPECT_NE(output.find(k.want + "\n"), std::string::npos) << output;
+  }
+  EXPECT_EQ(Values("id"), "t.id: 0, 1, 2");  // only the warned copy wrote
+}
+
 }  // namespace
 }  // namespace qopci

@@ -194,7 +194,7 @@ TEST(ColumnAttributesTest, ModesAndRawAttributesAgreeOrAreRefused) {
        "column t.c: attribute 5 names /f/bat/07.tail, but the export writes this column into a "
        "new file that it makes; leave attribute 5 out"},
       {c + R"(, "attributes": {"5": 7}})", false, 5,
-       "manifest: column \"c\": attribute 5 (the tail file) must be a string"},
+       "manifest: column \"c\": attribute 5 (tail file) must be a string, not a number"},
   };
   for (const auto& k : cases)
     EXPECT_EQ(Plan(k.json, k.replace_all, k.rows), k.want) << k.json << " " << k.replace_all;

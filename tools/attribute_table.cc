@@ -1,0 +1,148 @@
+#include "tools/attribute_table.h"
+
+#include <array>
+#include <cstdint>
+
+namespace qopci {
+
+namespace {
+
+constexpr AttributeRange Any() { return {}; }
+constexpr AttributeRange Span(int64_t min, int64_t max) {
+  return {AttributeRange::kSpan, min, max, 0};
+}
+template <typename... Ints>
+constexpr AttributeRange Codes(Ints... codes) {
+  return {AttributeRange::kCodes, 0, 0, ((uint64_t{1} << codes) | ...)};
+}
+
+constexpr Attribute::Kind kInt = Attribute::kInt;
+constexpr Attribute::Kind kLng = Attribute::kLng;
+constexpr Attribute::Kind kStr = Attribute::kStr;
+
+// Numbers this version does not read belong to column classes it does not have. The tool
+// registers them as they are written (a string as str, a number as int when it fits in 32
+// bits, else lng), so their call here is not checked.
+constexpr AttributeSpec Unread(int number, const char* meaning) {
+  return {number, kInt, meaning, Any(), false};
+}
+
+constexpr std::array<AttributeSpec, kAttributeCount> kTable = {{
+    {0, kInt, "chunker kind", Codes(0, 4), true},
+    {1, kInt, "writer kind", Codes(0, 3, 7), true},
+    {2, kInt, "chunk size", Span(1, kMaxChunkSize), true},
+    {3, kInt, "chunker type code", Span(0, 8), true},
+    {4, kInt, "writer type code", Span(0, 8), true},
+    {5, kStr, "tail file", Any(), true},
+    {6, kInt, "keep existing rows", Any(), true},
+    {7, kInt, "decimal chunker precision", Span(1, 18), true},
+    {8, kInt, "decimal chunker scale", Span(0, 18), true},
+    {9, kInt, "decimal precision", Span(1, 18), true},
+    {10, kInt, "decimal scale", Span(0, 18), true},
+    Unread(11, "string chunker option"),
+    Unread(12, "string chunker option"),
+    Unread(13, "string dictionary option"),
+    Unread(14, "string dictionary option"),
+    Unread(15, "time-level writer option"),
+    Unread(16, "time-level writer option"),
+    Unread(17, "time-level writer option"),
+    Unread(18, "time-level writer option"),
+    Unread(19, "time-level writer option"),
+    Unread(20, "dictionary code writer option"),
+    Unread(21, "dictionary code writer option"),
+    Unread(22, "string writer option"),
+    Unread(23, "string writer option"),
+    Unread(24, "time-level dictionary writer option"),
+    Unread(25, "time-level dictionary writer option"),
+    Unread(26, "time-level dictionary writer option"),
+    Unread(27, "time-level dictionary writer option"),
+    Unread(28, "time-level dictionary writer option"),
+    Unread(29, "time-level dictionary writer option"),
+    Unread(30, "dictionary file"),
+    Unread(31, "dictionary file"),
+    Unread(32, "dictionary file"),
+    {33, kInt, "source kind", Codes(0, 1), true},
+    {34, kInt, "queued writing", Any(), true},
+    Unread(35, "dictionary option"),
+    {36, kInt, "compressed", Any(), true},
+    Unread(37, "dictionary entry count"),
+    {38, kLng, "existing count", Span(0, kMaxExistingCount), true},
+    Unread(39, "dictionary writer option"),
+    Unread(40, "dictionary writer option"),
+    Unread(41, "string chunker option"),
+    Unread(42, "string writer option"),
+    Unread(43, "generated column file"),
+    Unread(44, "generated column file"),
+    Unread(45, "generated column option"),
+    Unread(46, "generated column option"),
+    Unread(47, "generated column option"),
+    Unread(48, "generated column option"),
+    Unread(49, "generated column option"),
+    {50, kInt, "timestamp parsing", Any(), true},
+}};
+
+// The table is indexed by number; a misplaced entry would describe another attribute.
+constexpr bool Ordered() {
+  for (int i = 0; i < kAttributeCount; ++i)
+    if (kTable[i].number != i) return false;
+  return true;
+}
+static_assert(Ordered(), "attribute table entries must be in number order");
+
+}  // namespace
+
+const AttributeSpec& AttributeInfo(int number) { return kTable[number]; }
+
+const char* CallName(Attribute::Kind kind) {
+  return kind == kInt ? "int" : kind == kLng ? "lng" : "str";
+}
+
+std::string RangeText(const AttributeRange& range) {
+  switch (range.kind) {
+    case AttributeRange::kAny:
+      return "any";
+    case AttributeRange::kSpan:
+      return std::to_string(range.min) + " to " + std::to_string(range.max);
+    case AttributeRange::kCodes: {
+      std::string text;
+      for (int c = 0; c < 64; ++c)
+        if (range.codes >> c & 1) text += (text.empty() ? "" : ", ") + std::to_string(c);
+      return text;
+    }
+  }
+  return "?";
+}
+
+bool InRange(const AttributeRange& range, int64_t value) {
+  switch (range.kind) {
+    case AttributeRange::kAny:
+      return true;
+    case AttributeRange::kSpan:
+      return value >= range.min && value <= range.max;
+    case AttributeRange::kCodes:
+      return value >= 0 && value < 64 && (range.codes >> value & 1);
+  }
+  return false;
+}
+
+Status CheckRegistered(const std::string& column, const Attribute& a) {
+  const std::string where =
+      "internal error: column " + column + ": attribute " + std::to_string(a.number);
+  if (a.number < 0 || a.number >= kAttributeCount)
+    return Status::Error(where + " is not a number from 0 to 50");
+  if (a.kind == kInt && (a.value < INT32_MIN || a.value > INT32_MAX))
+    return Status::Error(where + " would be registered as int, but " + std::to_string(a.value) +
+                         " needs 64 bits");
+  const AttributeSpec& spec = AttributeInfo(a.number);
+  if (!spec.read) return Status::OK();
+  const std::string what = where + " (" + spec.meaning + ")";
+  if (a.kind != spec.call)
+    return Status::Error(what + " would be registered as " + CallName(a.kind) +
+                         ", but the library reads it as " + CallName(spec.call));
+  if (a.kind != kStr && !InRange(spec.range, a.value))
+    return Status::Error(what + " would be registered as " + std::to_string(a.value) +
+                         ", outside " + RangeText(spec.range));
+  return Status::OK();
+}
+
+}  // namespace qopci
