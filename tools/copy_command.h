@@ -25,6 +25,8 @@ struct CopyOptions {
   bool single_row = false;  // result without an order BAT (needs exactly one row)
   bool sync = false;        // write every column on the calling thread
   bool replace = false;     // replace every column instead of appending to it
+  CsvOptions csv_options;   // delimiter and nil text of the CSV
+  bool strict = false;      // warnings are errors: the copy stops before touching the farm
 };
 
 // Run one copy from the files `options` names and print the per-column summary on `out`.
