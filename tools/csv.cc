@@ -120,7 +120,16 @@ Status CsvReader::Next(std::vector<std::string>* fields, bool* done) {
     // follows a closing quote, which may only be blanks.
     std::string& text = quoted ? rest : field;
     text.clear();
-    while (!AtEnd() && buffer_[pos_] != delimiter_ && buffer_[pos_] != '\n') text += Take();
+    for (;;) {  // a run of bytes at a time: this loop is where a large file's time goes
+      const char* begin = buffer_.data() + pos_;
+      const char* end = buffer_.data() + buffer_.size();
+      const char* p = begin;
+      while (p < end && *p != delimiter_ && *p != '\n') ++p;
+      text.append(begin, p);
+      pos_ += p - begin;
+      bytes_read_ += p - begin;
+      if (p < end || !Fill()) break;
+    }
     if (!text.empty() && text.back() == '\r' && (AtEnd() || buffer_[pos_] == '\n')) text.pop_back();
     while (!text.empty() && (text.back() == ' ' || (text.back() == '\t' && delimiter_ != '\t')))
       text.pop_back();

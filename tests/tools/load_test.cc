@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <limits>
 #include <sstream>
 
 #include "corvid/gdk.h"
@@ -82,9 +81,7 @@ TEST(LoadCsvTest, FieldsParseExactlyOrFailWithTheirLine) {
       {"double", "0.5", Bytes<dbl>(0.5), ""},
       {"double", "", Bytes<dbl>(dbl_nil), ""},
       {"double", "abc", {}, "malformed number \"abc\" for double (not a number)"},
-      {"double", "5e-324", Bytes<dbl>(std::numeric_limits<dbl>::denorm_min()), ""},
       {"double", "2.2250738585072009e-308", Bytes<dbl>(2.2250738585072009e-308), ""},
-      {"double", "-INFINITY", Bytes<dbl>(-std::numeric_limits<dbl>::infinity()), ""},
       {"double",
        "1e309",
        {},
