@@ -118,13 +118,14 @@ Status RunCopy(const CopyOptions& options, std::ostream& out) {
   Manifest manifest;
   Status s = LoadManifest(options.manifest, &manifest);
   if (s.ok()) s = ResolveModes(&manifest, options.replace);
+  if (s.ok()) s = ReportWarnings(manifest.warnings, options.strict, std::cerr);
   if (!s.ok()) return s;
-  for (const std::string& w : manifest.warnings) std::cerr << "qopci: warning: " << w << "\n";
 
   // The whole result is parsed before the farm is touched: a bad line changes nothing.
   ResultData data;
   s = options.csv.empty() ? GenerateRows(manifest, options.generate_rows, &data)
-                          : LoadCsvFile(manifest, options.csv, &data);
+                          : LoadCsvFile(manifest, options.csv, &data, options.csv_options);
+  if (s.ok()) s = ReportWarnings(data.warnings, options.strict, std::cerr);
   if (!s.ok()) return s;
   return CopyResult(manifest, &data, options, out);
 }

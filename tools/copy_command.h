@@ -28,6 +28,8 @@ struct CopyOptions {
   bool replace = false;     // replace every column instead of appending to it
   bool init = false;        // make a farm in a directory that holds other files
   bool json = false;        // print the summary as one JSON object
+  CsvOptions csv_options;   // delimiter and nil text of the CSV
+  bool strict = false;      // warnings are errors: the copy stops before touching the farm
 };
 
 // Run one copy from the files `options` names and print the per-column summary on `out`:

@@ -1,7 +1,10 @@
-// CsvReader: reads a comma-separated file record by record, one record per line, and knows
-// each record's 1-based line number for error messages. Fields may be quoted with double
-// quotes ("a,b", "say ""hi"""); a quoted field does not span lines. A trailing "\r" is
-// dropped, so files with CRLF line ends read as LF ones.
+// CsvReader: reads delimited text record by record, as spreadsheets and databases export it.
+// A UTF-8 byte-order mark at the start is skipped, and so are empty lines. Fields are
+// separated by one delimiter byte (',' ';' tab or '|', found from the header line unless
+// given) and may be quoted with double quotes: a quoted field may hold delimiters, line
+// breaks and doubled quotes ("say ""hi"""). Blanks around a field are dropped, except
+// inside quotes. A record ends at "\n" or "\r\n" outside quotes; its line number, for error
+// messages, is the line it starts on.
 //
 // Threading: one reader belongs to one thread.
 #ifndef QOPCI_TOOLS_CSV_H_
@@ -10,34 +13,59 @@
 #include <cstdint>
 #include <istream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/status.h"
 
 namespace qopci {
 
-// Split one line into fields. The error text names the problem, not the line.
-Status SplitCsvLine(const std::string& line, std::vector<std::string>* fields);
+struct CsvOptions {
+  char delimiter = 0;     // 0: DetectDelimiter() of the first line
+  std::string null_text;  // the field text read as nil; the empty field by default
+};
+
+// The delimiter among ',', ';', '\t' and '|' that splits `line` into the most fields
+// (quoted text is not split); ',' on a tie.
+char DetectDelimiter(std::string_view line);
+
+// How a delimiter is written in messages: ',' or '\t'.
+std::string DelimiterName(char delimiter);
 
 class CsvReader {
  public:
-  // Reads from `in`, which must outlive the reader.
-  explicit CsvReader(std::istream* in) : in_(in) {}
+  // Reads from `in`, which must outlive the reader. Only options.delimiter is used here.
+  explicit CsvReader(std::istream* in, const CsvOptions& options = CsvOptions());
 
   CsvReader(const CsvReader&) = delete;
   CsvReader& operator=(const CsvReader&) = delete;
 
   // Read the next record into *fields. Sets *done (and leaves *fields alone) at the end of
-  // the input. A malformed line or a read error fails with "line N: ...".
+  // the input. A malformed record or a read error fails with "line N: ...".
   Status Next(std::vector<std::string>* fields, bool* done);
 
-  uint64_t line() const { return line_; }              // line number of the last record
+  uint64_t line() const { return record_line_; }       // line the last record started on
   uint64_t bytes_read() const { return bytes_read_; }  // for progress reports
+  char delimiter() const { return delimiter_; }        // 0 until the first record is read
 
  private:
+  // Make at least one more unread byte available; false at the end of the input.
+  bool Fill();
+  bool AtEnd() { return pos_ == buffer_.size() && !Fill(); }
+  char Take() {
+    ++bytes_read_;
+    return buffer_[pos_++];
+  }
+  void SkipBlanks();
+  Status Fail(uint64_t line, const std::string& what) const;
+
   std::istream* in_;
-  std::string buffer_;
-  uint64_t line_ = 0;
+  char delimiter_;
+  bool started_ = false;  // the byte-order mark and the delimiter are settled
+  std::string buffer_;    // input read but not yet consumed from pos_ on
+  size_t pos_ = 0;
+  uint64_t line_ = 1;  // line of the next unread byte
+  uint64_t record_line_ = 0;
   uint64_t bytes_read_ = 0;
 };
 

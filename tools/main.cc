@@ -1,7 +1,7 @@
 // qopci: the command-line tool around the copy-into library and the embedded kernel.
 //   qopci [--verbose] [--version]
 //   qopci copy --farm DIR --manifest FILE (--csv FILE | --generate ROWS) [--single-row] [--sync]
-//              [--replace] [--init] [--json]
+//              [--replace] [--init] [--json] [--delimiter C] [--null TEXT] [--strict]
 //   qopci inspect --farm DIR [--column NAME]... [--limit N]
 //   qopci inspect --farm DIR --rows [--table T] [--column NAME]... [--limit N | --all]
 //                 [--format table|csv|json]
@@ -103,12 +103,43 @@ int main(int argc, char** argv) {
   copy_cmd->add_flag("--replace", copy.replace,
                      "replace every column's rows instead of appending to them (a column's "
                      "\"mode\": \"replace\" does so for one); the type may change");
+  copy_cmd
+      ->add_option_function<std::string>(
+          "--delimiter",
+          [&copy](const std::string& d) { copy.csv_options.delimiter = d == "\\t" ? '\t' : d[0]; },
+          "CSV field delimiter, one character (\\t for tab); found from the header when not given: "
+          "the one of , ; tab | that splits it into the most fields, comma on a tie")
+      ->check([](const std::string& d) -> std::string {
+        if (d == "\\t" || (d.size() == 1 && d != "\"" && d != " " && d != "\n" && d != "\r"))
+          return "";
+        return "the delimiter must be one character other than a quote, blank or line break";
+      });
+  copy_cmd->add_option("--null", copy.csv_options.null_text,
+                       "the field text read as nil, such as NULL (default: the empty field)");
+  copy_cmd->add_flag("--strict", copy.strict,
+                     "stop with an error, before the farm is touched, where a warning would be "
+                     "printed");
   copy_cmd->footer(
-      "Manifest types: tinyint, smallint, int, bigint, double, decimal(p,s) (1 <= p <= 18, "
-      "0 <= s <= p), timestamp, rowid, serial.\n"
+      "Manifest types and what they hold (the smallest value of each integer type is its nil):\n"
+      "  tinyint (int1)                -127 to 127\n"
+      "  smallint (int2)               -32767 to 32767\n"
+      "  int (integer, int4)           -2147483647 to 2147483647\n"
+      "  bigint (int8)                 -9223372036854775807 to 9223372036854775807\n"
+      "  double (double precision, float, float8)\n"
+      "                                any double but -DBL_MAX (its nil); nan, inf, -inf\n"
+      "  decimal(p,s) (numeric, dec)   1 <= p <= 18, 0 <= s <= p: p digits, s behind the point;\n"
+      "                                decimal(p) is decimal(p,0); more digits are an error\n"
+      "  timestamp (datetime)          YYYY-MM-DD[ HH:MM[:SS[.mmm]]], years -5867411 to 5867411\n"
+      "                                (no year 0), to the millisecond\n"
+      "  rowid, serial                 generated, not read from the CSV\n"
+      "Type names are read in any case, with blanks allowed: \"Decimal( 9 , 2 )\".\n"
       "rowid numbers the rows of each export from 1, so an append starts again at 1; serial "
       "continues from the rows the column holds (count+1, count+2, ...).\n"
-      "A column's \"mode\" is \"append\" (the default) or \"replace\".");
+      "A column's \"mode\" is \"append\" (the default) or \"replace\". CSV columns that the "
+      "manifest lists in \"ignore\" are left out without a warning.\n"
+      "CSV: a header line naming the columns; quoted fields may hold delimiters, line breaks "
+      "and doubled quotes; a UTF-8 byte-order mark and empty lines are skipped. See "
+      "docs/csv.md.");
 
   copy_cmd->add_flag("--init", copy.init,
                      "make the farm in a directory that holds other files but no farm");

@@ -1,5 +1,6 @@
 #include "tools/manifest.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <fstream>
@@ -7,6 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+
+#include "tools/closest.h"
 
 namespace qopci {
 
@@ -24,24 +27,83 @@ std::string Trim(const std::string& s) {
   return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
 }
 
-// Parse "decimal(p,s)" (spaces allowed around the numbers).
-Status ParseDecimal(const std::string& type, ManifestColumn* column) {
+// "line L, column C" of the 1-based byte offset `byte` into `text` (columns count bytes).
+std::string TextPosition(const std::string& text, size_t byte) {
+  size_t line = 1, line_start = 0;
+  for (size_t i = 0; i + 1 < byte && i < text.size(); ++i)
+    if (text[i] == '\n') {
+      ++line;
+      line_start = i + 1;
+    }
+  return "line " + std::to_string(line) + ", column " + std::to_string(byte - line_start);
+}
+
+// The reason in a parse error's text, without the library's prefix and position.
+std::string ParseErrorReason(const std::string& what) {
+  size_t dash = what.find(" - ");
+  if (dash != std::string::npos) return what.substr(dash + 3);
+  size_t colon = what.find(": ");
+  return colon == std::string::npos ? what : what.substr(colon + 2);
+}
+
+// The type as written, lower-cased, with runs of blanks made one and none around the
+// parentheses and the comma: " Decimal( 9 , 2 )" is "decimal(9,2)".
+std::string NormalType(const std::string& raw) {
+  std::string type;
+  for (char c : Trim(raw)) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (c == '\t') c = ' ';
+    if (c == ' ' && !type.empty() &&
+        (type.back() == ' ' || type.back() == '(' || type.back() == ','))
+      continue;
+    if ((c == '(' || c == ',' || c == ')') && !type.empty() && type.back() == ' ') type.pop_back();
+    type += c;
+  }
+  return type;
+}
+
+// Every spelling of the fixed types, the tool's own word first, then the usual SQL aliases.
+const struct {
+  const char* name;
+  Encoding encoding;
+} kTypeNames[] = {
+    {"tinyint", Encoding::kTinyint},
+    {"smallint", Encoding::kSmallint},
+    {"int", Encoding::kInt},
+    {"bigint", Encoding::kBigint},
+    {"double", Encoding::kDouble},
+    {"timestamp", Encoding::kTimestamp},
+    {"rowid", Encoding::kRowid},
+    {"serial", Encoding::kSerial},
+    {"int1", Encoding::kTinyint},
+    {"int2", Encoding::kSmallint},
+    {"integer", Encoding::kInt},
+    {"int4", Encoding::kInt},
+    {"int8", Encoding::kBigint},
+    {"double precision", Encoding::kDouble},
+    {"float", Encoding::kDouble},
+    {"float8", Encoding::kDouble},
+    {"datetime", Encoding::kTimestamp},
+};
+const char* const kDecimalNames[] = {"decimal", "numeric", "dec"};
+
+// Parse the "(p,s)" or "(p)" behind a decimal type's name; (p) is (p,0).
+Status ParseDecimal(const std::string& type, size_t open, ManifestColumn* column) {
   const std::string where = ColumnPrefix(column->name);
-  size_t open = type.find('('), comma = type.find(','), close = type.find(')');
-  if (open != 7 || comma == std::string::npos || close != type.size() - 1 || comma > close)
-    return Status::Error(where + "decimal type must be written decimal(p,s), got \"" + type + "\"");
-  auto number = [](const std::string& text, int* out) {
-    std::string t = Trim(text);
-    if (t.empty() || t.size() > 3) return false;
-    for (char c : t)
-      if (!std::isdigit(static_cast<unsigned char>(c))) return false;
-    *out = std::stoi(t);
-    return true;
-  };
-  int p = 0, s = 0;
-  if (!number(type.substr(open + 1, comma - open - 1), &p) ||
-      !number(type.substr(comma + 1, close - comma - 1), &s))
-    return Status::Error(where + "decimal type must be written decimal(p,s), got \"" + type + "\"");
+  const Status malformed =
+      Status::Error(where + "decimal type must be written decimal(p,s), got \"" + type + "\"");
+  int numbers[2] = {0, 0}, count = 0;
+  size_t i = open + 1;
+  for (; count < 2; ++count) {
+    size_t start = i;
+    while (i < type.size() && std::isdigit(static_cast<unsigned char>(type[i]))) ++i;
+    if (i == start || i - start > 3) return malformed;
+    numbers[count] = std::stoi(type.substr(start, i - start));
+    if (i >= type.size() || type[i] != ',') break;
+    ++i;
+  }
+  if (count == 2 || i != type.size() - 1 || type[i] != ')') return malformed;
+  const int p = numbers[0], s = numbers[1];
   if (p < 1 || p > 18)
     return Status::Error(where + "decimal precision must be 1 to 18, got " + std::to_string(p));
   if (s > p)
@@ -54,26 +116,42 @@ Status ParseDecimal(const std::string& type, ManifestColumn* column) {
 }
 
 Status ParseType(const std::string& raw, ManifestColumn* column) {
-  std::string type;
-  for (char c : raw) type += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  type = Trim(type);
-  static const struct {
-    const char* name;
-    Encoding encoding;
-  } kPlain[] = {{"tinyint", Encoding::kTinyint}, {"smallint", Encoding::kSmallint},
-                {"int", Encoding::kInt},         {"bigint", Encoding::kBigint},
-                {"double", Encoding::kDouble},   {"timestamp", Encoding::kTimestamp},
-                {"rowid", Encoding::kRowid},     {"serial", Encoding::kSerial}};
-  for (const auto& p : kPlain) {
-    if (type == p.name) {
-      column->encoding = p.encoding;
+  const std::string type = NormalType(raw);
+  std::vector<std::string> names;
+  for (const auto& t : kTypeNames) {
+    if (type == t.name) {
+      column->encoding = t.encoding;
       return Status::OK();
     }
+    names.push_back(t.name);
   }
-  if (type.rfind("decimal", 0) == 0) return ParseDecimal(type, column);
-  return Status::Error(ColumnPrefix(column->name) + "unknown type \"" + raw +
-                       "\" (known: tinyint, smallint, int, bigint, double, decimal(p,s), "
-                       "timestamp, rowid, serial)");
+  const size_t open = type.find('(');
+  for (const char* d : kDecimalNames) {
+    if (type.compare(0, open, d) == 0) {
+      if (open == std::string::npos)
+        return Status::Error(ColumnPrefix(column->name) +
+                             "decimal type must be written decimal(p,s), got \"" + raw + "\"");
+      return ParseDecimal(type, open, column);
+    }
+  }
+  names.push_back("decimal");
+  return Status::Error(ColumnPrefix(column->name) + "unknown type \"" + raw + "\"" +
+                       DidYouMean(type.substr(0, open), names) +
+                       " (known: tinyint, smallint, int, bigint, double, decimal(p,s), "
+                       "timestamp, rowid, serial, and their SQL aliases)");
+}
+
+// Keys a manifest may hold, at the top and in a column; any other is kept out with a warning.
+const std::vector<std::string> kTopKeys = {"table", "chunk_size", "queued", "columns", "ignore"};
+const std::vector<std::string> kColumnKeys = {"name", "type", "mode", "attributes"};
+
+void WarnUnknownKeys(const json& object, const std::vector<std::string>& known,
+                     const std::string& where, std::vector<std::string>* warnings) {
+  for (const auto& [key, value] : object.items()) {
+    if (std::find(known.begin(), known.end(), key) != known.end()) continue;
+    warnings->push_back(where + "unknown key \"" + key + "\"" + DidYouMean(key, known) +
+                        " has no effect");
+  }
 }
 
 Status ParseOverrides(const json& attrs, ManifestColumn* column) {
@@ -101,7 +179,8 @@ Status ParseOverrides(const json& attrs, ManifestColumn* column) {
   return Status::OK();
 }
 
-Status ParseColumn(const json& j, size_t index, ManifestColumn* column) {
+Status ParseColumn(const json& j, size_t index, ManifestColumn* column,
+                   std::vector<std::string>* warnings) {
   const std::string which = "manifest: column " + std::to_string(index + 1) + ": ";
   if (!j.is_object()) return Status::Error(which + "must be an object");
   if (!j.contains("name")) return Status::Error(which + "missing \"name\"");
@@ -113,6 +192,7 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column) {
     return Status::Error(ColumnPrefix(column->name) + "\"type\" must be a string");
   Status s = ParseType(j["type"].get<std::string>(), column);
   if (!s.ok()) return s;
+  WarnUnknownKeys(j, kColumnKeys, ColumnPrefix(column->name), warnings);
   if (j.contains("mode")) {
     const json& mode = j["mode"];
     std::string text = mode.is_string() ? mode.get<std::string>() : mode.dump();
@@ -132,8 +212,13 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column) {
 }  // namespace
 
 Status ParseManifest(const std::string& json_text, Manifest* out) {
-  json j = json::parse(json_text, nullptr, /*allow_exceptions=*/false);
-  if (j.is_discarded()) return Status::Error("manifest: not valid JSON");
+  json j;
+  try {
+    j = json::parse(json_text);
+  } catch (const json::parse_error& e) {
+    return Status::Error("manifest: not valid JSON at " + TextPosition(json_text, e.byte) + ": " +
+                         ParseErrorReason(e.what()));
+  }
   if (!j.is_object()) return Status::Error("manifest: must be a JSON object");
   *out = Manifest();
   if (!j.contains("table")) return Status::Error("manifest: missing \"table\"");
@@ -162,13 +247,37 @@ Status ParseManifest(const std::string& json_text, Manifest* out) {
   std::set<std::string> seen;
   for (size_t i = 0; i < j["columns"].size(); ++i) {
     ManifestColumn column;
-    Status s = ParseColumn(j["columns"][i], i, &column);
+    Status s = ParseColumn(j["columns"][i], i, &column, &out->warnings);
     if (!s.ok()) return s;
     if (!seen.insert(column.name).second)
       return Status::Error(ColumnPrefix(column.name) + "appears twice");
     out->columns.push_back(std::move(column));
   }
+  if (j.contains("ignore")) {
+    const json& ignore = j["ignore"];
+    bool strings = ignore.is_array();
+    for (size_t i = 0; strings && i < ignore.size(); ++i) strings = ignore[i].is_string();
+    if (!strings) return Status::Error("manifest: \"ignore\" must be an array of CSV column names");
+    for (const json& name : ignore) {
+      if (seen.count(name.get<std::string>()) != 0)
+        return Status::Error("manifest: column \"" + name.get<std::string>() +
+                             "\" is both a column and in \"ignore\"");
+      out->ignored.push_back(name.get<std::string>());
+    }
+  }
+  WarnUnknownKeys(j, kTopKeys, "manifest: ", &out->warnings);
   return Status::OK();
+}
+
+Status ReportWarnings(const std::vector<std::string>& warnings, bool strict, std::ostream& err) {
+  if (!strict) {
+    for (const std::string& w : warnings) err << "qopci: warning: " << w << "\n";
+    return Status::OK();
+  }
+  std::string text;
+  for (const std::string& w : warnings)
+    text += (text.empty() ? "" : "\nqopci: ") + std::string("error under --strict: ") + w;
+  return text.empty() ? Status::OK() : Status::Error(text);
 }
 
 Status LoadManifest(const std::string& path, Manifest* out) {

@@ -8,6 +8,7 @@
 #define QOPCI_TOOLS_MANIFEST_H_
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,7 @@ struct Manifest {
   int chunk_size = 65536;
   bool queued = true;
   std::vector<ManifestColumn> columns;  // in manifest order; names are unique
+  std::vector<std::string> ignored;     // CSV columns left out on purpose ("ignore")
   // What the manifest asks for that is kept but looks like a mistake (an unknown key, an
   // attribute the library never reads): printed on stderr before the copy, or refused as
   // errors under --strict.
@@ -69,8 +71,13 @@ struct Manifest {
 };
 
 // Parse a manifest from JSON text. On failure *out is unspecified and the status names
-// the offending field.
+// the offending field, or the line and column where the text stops being JSON. Types are
+// read in SQL words with their usual aliases, in any case. Unknown keys become warnings.
 Status ParseManifest(const std::string& json_text, Manifest* out);
+
+// Print each warning as "qopci: warning: ..." on `err`; with `strict`, print nothing and
+// return them as one error instead (a line each), so that the copy stops.
+Status ReportWarnings(const std::vector<std::string>& warnings, bool strict, std::ostream& err);
 
 // Read and parse the manifest file at `path`.
 Status LoadManifest(const std::string& path, Manifest* out);

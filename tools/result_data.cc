@@ -2,12 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 
 #include "corvid/gdk.h"
 #include "corvid/mtime.h"
+#include "tools/closest.h"
 #include "tools/csv.h"
 #include "tools/progress.h"
 #include "tools/values.h"
@@ -37,37 +39,95 @@ void Append(ResultColumn* c, T v) {
   std::memcpy(c->values.data() + at, &v, sizeof(T));
 }
 
+// The header's names, quoted and comma-separated, for messages; long headers are cut.
+std::string HeaderList(const std::vector<std::string>& header) {
+  constexpr size_t kShown = 20;
+  std::string list;
+  for (size_t f = 0; f < header.size() && f < kShown; ++f)
+    list += (f > 0 ? ", \"" : "\"") + header[f] + "\"";
+  if (header.size() > kShown) list += ", ... (" + std::to_string(header.size()) + " in all)";
+  return list;
+}
+
+// Find each result column's field in the header (*position gets the field count for the
+// generated serial columns), refuse missing and repeated names, and warn of the CSV columns
+// that are read by no manifest column.
+Status MatchHeader(const Manifest& manifest, const std::vector<std::string>& header,
+                   const CsvReader& reader, ResultData* out, std::vector<size_t>* position) {
+  const std::string where = "CSV header (line " + std::to_string(reader.line()) + ")";
+  std::vector<bool> read(header.size(), false);
+  std::vector<std::string> generated, unread;
+  for (const ResultColumn& c : out->columns) {
+    const ManifestColumn& mc = manifest.columns[c.manifest_index];
+    std::vector<size_t> at;
+    for (size_t f = 0; f < header.size(); ++f)
+      if (header[f] == mc.name) at.push_back(f);
+    if (mc.encoding == Encoding::kSerial) {
+      position->push_back(header.size());
+      continue;
+    }
+    if (at.empty()) {
+      // Hint only at names that no other manifest column takes.
+      std::vector<std::string> free;
+      for (const std::string& name : header)
+        if (std::none_of(manifest.columns.begin(), manifest.columns.end(),
+                         [&](const ManifestColumn& m) { return m.name == name; }))
+          free.push_back(name);
+      return Status::Error(where + " lacks the manifest's column \"" + mc.name + "\"" +
+                           DidYouMean(mc.name, free) + "; split at " +
+                           DelimiterName(reader.delimiter()) + " it names " + HeaderList(header));
+    }
+    if (at.size() > 1)
+      return Status::Error(where + " names the manifest's column \"" + mc.name + "\" " +
+                           std::to_string(at.size()) + " times (fields " +
+                           std::to_string(at[0] + 1) + " and " + std::to_string(at[1] + 1) + ")");
+    read[at[0]] = true;
+    position->push_back(at[0]);
+  }
+  for (size_t f = 0; f < header.size(); ++f) {
+    if (read[f]) continue;
+    const std::string& name = header[f];
+    const auto is = [&](const std::string& n) { return n == name; };
+    if (std::any_of(manifest.ignored.begin(), manifest.ignored.end(), is)) continue;
+    bool made = std::any_of(manifest.columns.begin(), manifest.columns.end(),
+                            [&](const ManifestColumn& c) { return c.name == name; });
+    std::vector<std::string>& list = made ? generated : unread;
+    if (std::none_of(list.begin(), list.end(), is)) list.push_back(name);
+  }
+  if (!unread.empty())
+    out->warnings.push_back(
+        "CSV columns that no manifest column reads are not exported: " + HeaderList(unread) +
+        " (name them in \"ignore\" to drop them "
+        "without a warning)");
+  if (!generated.empty())
+    out->warnings.push_back("CSV columns " + HeaderList(generated) +
+                            " are not read: the manifest's rowid and serial columns of that name "
+                            "are generated");
+  return Status::OK();
+}
+
 }  // namespace
 
-Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress, ResultData* out) {
+Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress, ResultData* out,
+               const CsvOptions& options) {
   PrepareColumns(manifest, out);
-  CsvReader reader(in);
+  CsvReader reader(in, options);
   std::vector<std::string> fields;
   bool done = false;
   Status s = reader.Next(&fields, &done);
   if (!s.ok()) return s;
   if (done) return Status::Error("CSV is empty: the first line must name the columns");
-  const size_t field_count = fields.size();
-
-  // Where each result column's field sits in a record; serial columns are made here.
+  const std::vector<std::string> header = fields;
+  const size_t field_count = header.size();
   std::vector<size_t> position;
-  for (const ResultColumn& c : out->columns) {
-    const std::string& name = manifest.columns[c.manifest_index].name;
-    if (manifest.columns[c.manifest_index].encoding == Encoding::kSerial) {
-      position.push_back(field_count);
-      continue;
-    }
-    size_t at = field_count;
-    for (size_t f = 0; f < field_count; ++f)
-      if (fields[f] == name) {
-        at = f;
-        break;
-      }
-    if (at == field_count)
-      return Status::Error("CSV header (line 1) lacks the manifest's column \"" + name + "\"");
-    position.push_back(at);
-  }
+  s = MatchHeader(manifest, header, reader, out, &position);
+  if (!s.ok()) return s;
 
+  struct Caveat {  // values read with a caveat (see ParseFieldValue), per result column
+    uint64_t count = 0, first_line = 0;
+    std::string first_text;
+  };
+  std::vector<Caveat> caveats(out->columns.size());
   std::vector<unsigned char> value(8);
   for (;;) {
     s = reader.Next(&fields, &done);
@@ -82,26 +142,54 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
     for (size_t k = 0; k < out->columns.size(); ++k) {
       ResultColumn& c = out->columns[k];
       if (position[k] == field_count) continue;
-      s = ParseFieldValue(manifest.columns[c.manifest_index], fields[position[k]], value.data());
-      if (!s.ok()) return Status::Error(line + s.message());
+      const ManifestColumn& mc = manifest.columns[c.manifest_index];
+      const std::string& text = fields[position[k]];
+      bool caveat = false;
+      if (text == options.null_text) {
+        StoreNil(mc, value.data());
+      } else if (text.empty()) {
+        return Status::Error(line + "column \"" + mc.name + "\": empty field; nil is written \"" +
+                             options.null_text + "\" (--null)");
+      } else {
+        s = ParseFieldValue(mc, text, value.data(), &caveat);
+        if (!s.ok()) return Status::Error(line + s.message());
+      }
+      if (caveat && caveats[k].count++ == 0) {
+        caveats[k].first_line = reader.line();
+        caveats[k].first_text = text;
+      }
       c.values.insert(c.values.end(), value.begin(), value.begin() + c.width);
     }
     ++out->rows;
     if (progress != nullptr && (out->rows & 0xfff) == 0) progress->Update(reader.bytes_read());
   }
-  for (size_t k = 0; k < out->columns.size(); ++k)
+  for (size_t k = 0; k < out->columns.size(); ++k) {
     if (position[k] == field_count) NumberSerial(out->rows, 1, &out->columns[k]);
+    if (caveats[k].count == 0) continue;
+    const Caveat& c = caveats[k];
+    const bool nan = manifest.columns[out->columns[k].manifest_index].encoding == Encoding::kDouble;
+    out->warnings.push_back(
+        "column \"" + manifest.columns[out->columns[k].manifest_index].name +
+        "\": " + std::to_string(c.count) + (c.count == 1 ? " value " : " values ") +
+        (nan ? (c.count == 1 ? "is" : "are") +
+                   std::string(" NaN, which the kernel compares equal to every value, so no sort "
+                               "order of the column holds")
+             : (c.count == 1 ? "has" : "have") +
+                   std::string(" digits below a millisecond, which a timestamp cannot hold")) +
+        " (the first: \"" + c.first_text + "\" on line " + std::to_string(c.first_line) + ")");
+  }
   return Status::OK();
 }
 
-Status LoadCsvFile(const Manifest& manifest, const std::string& path, ResultData* out) {
+Status LoadCsvFile(const Manifest& manifest, const std::string& path, ResultData* out,
+                   const CsvOptions& options) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return Status::Error("cannot open CSV " + path + ": " + std::strerror(errno));
   struct stat st;
   uint64_t size = stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
   std::string base = path.substr(path.find_last_of('/') + 1);
   ProgressBar bar("loading " + base, size >= kProgressMinBytes ? size : 0, stderr);
-  Status s = LoadCsv(manifest, &in, &bar, out);
+  Status s = LoadCsv(manifest, &in, &bar, out, options);
   if (!s.ok()) return Status::Error(path + ": " + s.message());
   return s;
 }

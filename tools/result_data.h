@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/csv.h"
 #include "tools/manifest.h"
 #include "tools/status.h"
 
@@ -29,20 +30,26 @@ struct ResultColumn {
 struct ResultData {
   uint64_t rows = 0;
   std::vector<ResultColumn> columns;  // manifest order, rowid columns left out
+  // What the load left out or shortened (CSV columns no manifest column reads, digits a
+  // type cannot hold): printed on stderr before the copy, or refused under --strict.
+  std::vector<std::string> warnings;
 };
 
 // Most rows a result may have: row ids are 32-bit oids below the oid nil.
 constexpr uint64_t kMaxResultRows = 0x7fffffffu;
 
-// Read a CSV whose first line names its columns. Every manifest column but rowid and
-// serial ones must be named there (others are ignored); every later line must have as many fields
-// as the header. An empty field is nil. Errors carry the 1-based line number ("line 7: ...").
-// `progress` may be null; it is told the bytes read so far.
-Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress, ResultData* out);
+// Read a CSV whose first record names its columns. Every manifest column but rowid and
+// serial ones must be named there exactly once; other CSV columns are left out, with a
+// warning unless the manifest's "ignore" names them. Every later record must have as many
+// fields as the header. A field equal to options.null_text is nil. Errors carry the line
+// the record starts on ("line 7: ..."). `progress` may be null; it is told the bytes read.
+Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress, ResultData* out,
+               const CsvOptions& options = CsvOptions());
 
 // As LoadCsv, from the file at `path`, with a progress bar on stderr when it is a terminal
 // and the file is large.
-Status LoadCsvFile(const Manifest& manifest, const std::string& path, ResultData* out);
+Status LoadCsvFile(const Manifest& manifest, const std::string& path, ResultData* out,
+                   const CsvOptions& options = CsvOptions());
 
 // `rows` rows of sequential data: ints i, bigints i*7, doubles i*0.5, decimals i modulo
 // min(100000, 10^precision), timestamps 2013-01-01 00:00:00 plus i seconds, serials i+1;

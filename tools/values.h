@@ -1,6 +1,7 @@
 // Field parsing: the text of one CSV field turned into the value a result column of a
 // manifest encoding holds. Numbers are parsed exactly: a decimal is scaled to an integer
-// without rounding, and text that does not fit the encoding is refused, never truncated.
+// without rounding, a double is the nearest one (subnormals included, "nan" and "inf"
+// spelled out), and text that does not fit the encoding is refused, never truncated.
 //
 // Threading: pure functions; timestamps go through the kernel's atom converter, which may
 // be called from any thread.
@@ -21,11 +22,19 @@ namespace qopci {
 // REQUIRES: 1 <= precision <= 18, 0 <= scale <= precision.
 Status ParseDecimalText(std::string_view text, int precision, int scale, int64_t* out);
 
+// Store the nil value of the column's encoding into out[0 .. ResultWidth()-1].
+// REQUIRES: column.encoding is not kRowid or kSerial.
+void StoreNil(const ManifestColumn& column, unsigned char* out);
+
 // Parse `text` as a value of the column's encoding into out[0 .. ResultWidth()-1] (native
-// byte order, the result BAT's tail type). An empty text is the type's nil value. The error
-// text says what is wrong with the value but not where; the caller adds the line.
+// byte order, the result BAT's tail type). Nil is not text here (see StoreNil): an empty
+// text is malformed. The error says what is wrong with the value but not where; the caller
+// adds the line. Two values are read but set *caveat (when given) for the caller to warn
+// of: a timestamp with digits below a millisecond (its milliseconds are kept) and a double
+// NaN (the kernel compares it equal to every value, so no order of the column holds).
 // REQUIRES: column.encoding is not kRowid or kSerial; out has room for ResultWidth() bytes.
-Status ParseFieldValue(const ManifestColumn& column, std::string_view text, unsigned char* out);
+Status ParseFieldValue(const ManifestColumn& column, std::string_view text, unsigned char* out,
+                       bool* caveat = nullptr);
 
 }  // namespace qopci
 

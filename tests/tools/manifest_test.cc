@@ -101,7 +101,12 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
     std::string json;
     std::string error;
   } cases[] = {
-      {"{", "manifest: not valid JSON"},
+      {"{",
+       "manifest: not valid JSON at line 1, column 2: unexpected end of input; expected string "
+       "literal"},
+      {"{\"table\": \"t\",\n \"columns\": tru}",
+       "manifest: not valid JSON at line 2, column 16: invalid literal; last read: "
+       "'\"columns\": tru}'"},
       {R"({"columns": []})", "manifest: missing \"table\""},
       {R"({"table": "t"})", "manifest: missing \"columns\""},
       {R"({"table": "t", "columns": []})", "manifest: \"columns\" must be a non-empty array"},
@@ -109,15 +114,21 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
       {R"({"table": "t", "columns": [{"name": "c"}]})", "manifest: column \"c\": missing \"type\""},
       {Column("c", "varchar"),
        "manifest: column \"c\": unknown type \"varchar\" (known: tinyint, smallint, int, bigint, "
-       "double, decimal(p,s), timestamp, rowid, serial)"},
+       "double, decimal(p,s), timestamp, rowid, serial, and their SQL aliases)"},
+      {Column("c", "INTEGR"),
+       "manifest: column \"c\": unknown type \"INTEGR\" (did you mean \"integer\"?) (known: "
+       "tinyint, smallint, int, bigint, double, decimal(p,s), timestamp, rowid, serial, and their "
+       "SQL aliases)"},
+      {Column("c", "numeric"),
+       "manifest: column \"c\": decimal type must be written decimal(p,s), got \"numeric\""},
+      {Column("c", "decimal(9,2,1)"),
+       "manifest: column \"c\": decimal type must be written decimal(p,s), got \"decimal(9,2,1)\""},
       {Column("c", "decimal(19,2)"),
        "manifest: column \"c\": decimal precision must be 1 to 18, got 19"},
       {Column("c", "decimal(0,0)"),
        "manifest: column \"c\": decimal precision must be 1 to 18, got 0"},
       {Column("c", "decimal(4,5)"),
        "manifest: column \"c\": decimal scale must be 0 to the precision 4, got 5"},
-      {Column("c", "decimal(4)"),
-       "manifest: column \"c\": decimal type must be written decimal(p,s), got \"decimal(4)\""},
       {R"({"table": "t", "chunk_size": 0, "columns": [{"name": "c", "type": "int"}]})",
        "manifest: \"chunk_size\" must be a positive 32-bit integer"},
       {R"({"table": "t", "columns": [{"name": "c", "type": "int"}, {"name": "c", "type": "int"}]})",
@@ -126,6 +137,10 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
        "manifest: column \"c\": attribute \"51\" is not a number from 0 to 50"},
       {R"({"table": "t", "columns": [{"name": "c", "type": "int", "attributes": {"3": 1.5}}]})",
        "manifest: column \"c\": attribute \"3\" must be an integer or a string"},
+      {R"({"table": "t", "ignore": "c", "columns": [{"name": "c", "type": "int"}]})",
+       "manifest: \"ignore\" must be an array of CSV column names"},
+      {R"({"table": "t", "ignore": ["c"], "columns": [{"name": "c", "type": "int"}]})",
+       "manifest: column \"c\" is both a column and in \"ignore\""},
       {R"({"table": "t", "columns": [{"name": "c", "type": "int", "mode": "upsert"}]})",
        "manifest: column \"c\": unknown mode \"upsert\" (known: append, replace)"},
   };
@@ -135,6 +150,29 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
     EXPECT_FALSE(s.ok()) << c.json;
     EXPECT_EQ(s.message(), c.error) << c.json;
   }
+}
+
+TEST(ManifestTest, SqlTypeNamesAndAliasesReadAsTheToolsOwnWords) {
+  const struct {
+    const char* written;
+    const char* name;  // EncodingName(), the SQL type recorded in the farm
+  } cases[] = {
+      {"int1", "tinyint"},
+      {"INT2", "smallint"},
+      {"integer", "int"},
+      {"Int4", "int"},
+      {"int8", "bigint"},
+      {"float", "double"},
+      {"float8", "double"},
+      {" double   PRECISION ", "double"},
+      {"datetime", "timestamp"},
+      {"numeric(9,2)", "decimal(9,2)"},
+      {"Dec( 18 , 0 )", "decimal(18,0)"},
+      {"decimal (4)", "decimal(4,0)"},
+      {"decimal( 9 , 2 )", "decimal(9,2)"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(EncodingName(Parse(Column("c", c.written)).columns[0]), c.name) << c.written;
 }
 
 // What the tool registers for attributes 5, 6 and 38 of a column, given its manifest entry,
@@ -209,8 +247,12 @@ TEST(ClosestNameTest, SuggestsOnlyNearNames) {
     const char* word;
     const char* want;
   } cases[] = {
-      {"chunksize", "chunk_size"}, {"CHUNK_SIZE", "chunk_size"}, {"tabel", "table"},
-      {"colums", "columns"},       {"rows", ""},                 {"", ""},
+      {"chunksize", "chunk_size"},
+      {"CHUNK_SIZE", "chunk_size"},
+      {"tabel", "table"},
+      {"colums", "columns"},
+      {"rows", ""},
+      {"", ""},
   };
   for (const Case& c : cases) EXPECT_EQ(qopci::ClosestName(c.word, keys), c.want) << c.word;
   EXPECT_EQ(qopci::DidYouMean("queud", keys), " (did you mean \"queued\"?)");
