@@ -128,7 +128,8 @@ int TMcommit(void) {
   if (!PlanEntries(p, &why)) return Fail(p, why);
   if (!CheckText(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
   timer.StartFlush();
-  if (!WriteColumnFiles(p, &why)) return Fail(p, why);
+  if (!WriteColumnFiles(p, &why) || !WriteSums(p, &why) || !SyncDirs(p, &why))
+    return Fail(p, why);
   timer.EndFlush();
   if (!CheckCatalogFiles(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
   if (!CheckRewrittenFlags(p, &why)) return Fail(p, why);

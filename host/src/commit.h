@@ -41,9 +41,14 @@ struct CommitPlan {
 
 // The catalog entries of every persistent BAT, replacements under their targets' names.
 bool PlanEntries(CommitPlan* p, std::string* why);
-// Writes the dirty heaps of the kernel's own BATs as pending files, flushes the files kept
-// as they are (those the copy-into library rewrote among them) and the directories.
+// Writes the dirty heaps of the kernel's own BATs as pending files and flushes the files kept
+// as they are (those the copy-into library rewrote among them).
 bool WriteColumnFiles(CommitPlan* p, std::string* why);
+// Writes, as pending files, the sums of every column file written or rewritten (sums.h),
+// and of every file whose BAT has none yet; flushes them. sums_io.cc.
+bool WriteSums(CommitPlan* p, std::string* why);
+// Flushes the directories whose entries the commit changed so far.
+bool SyncDirs(CommitPlan* p, std::string* why);
 // For every rewritten BAT that claims sorted, revsorted, key or no-nil: loads its data from
 // its files and clears, in its catalog entry, every claim the data contradicts.
 bool CheckRewrittenFlags(CommitPlan* p, std::string* why);

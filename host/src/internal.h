@@ -47,6 +47,7 @@ struct BatRec {
   int pending = 0;      // kPending* bits: a read-only farm reads these files from the
                         // pending copies while the writer's commit has not renamed them
   PropStamp checked;    // the last check of the property flags
+  bool summed = false;  // its committed column files have sums files (sums.h)
   int lrefs = 0;        // logical references: keep the BAT alive
   int prefs = 0;        // physical references (fixes): keep its heaps loaded
   bool cold = false;    // heaps may be unloaded once nobody fixes the BAT
@@ -85,6 +86,10 @@ std::string BatPath(bat i, const char* ext);  // "<farm>/bat/<physical>.<ext>"
 // the last commit has not yet renamed into place.
 std::string LoadPath(bat i, const char* ext);
 std::string ErrnoText(int err);  // strerror with the number
+
+// CVDfarm_open; check_files false skips the check of the column files' presence and sizes,
+// for CVDfarm_verify, which reports each fault itself.
+char* OpenFarm(const char* dir, int flags, bool check_files);
 
 // Heaps.
 bool HeapsLoaded(const BAT* b);
