@@ -2,6 +2,7 @@
 //   qopci copy --farm DIR --manifest FILE (--csv FILE | --generate ROWS) [--single-row] [--sync]
 //              [--replace]
 //   qopci inspect --farm DIR [--column NAME] [--limit N]
+//   qopci verify --farm DIR
 //   qopci bench [--rows N] [--columns SPEC] [--random] [--queued|--sync] [--runs K] [--dir DIR]
 //               [--json] [--chunk-size C]
 // Errors go to stderr with exit status 1.
@@ -15,6 +16,7 @@
 #include "tools/copy_command.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
+#include "tools/verify.h"
 
 namespace {
 
@@ -66,6 +68,11 @@ int main(int argc, char** argv) {
   inspect_cmd->add_option("--column", column, "only this column (table.column or column)");
   inspect_cmd->add_option("--limit", limit, "values printed per column (default 10)");
 
+  std::string verify_farm;
+  CLI::App* verify_cmd =
+      app.add_subcommand("verify", "check every column and checksum of a farm without changing it");
+  verify_cmd->add_option("--farm", verify_farm, "farm directory")->required();
+
   qopci::BenchOptions bench;
   CLI::App* bench_cmd = qopci::AddBenchCommand(&app, &bench);
 
@@ -83,6 +90,8 @@ int main(int argc, char** argv) {
       return 1;
     }
     s = qopci::RunCopy(copy, std::cout);
+  } else if (verify_cmd->parsed()) {
+    s = qopci::RunVerify(verify_farm, std::cout);
   } else if (bench_cmd->parsed()) {
     s = qopci::RunBench(bench, std::cout, std::cerr);
   } else {
