@@ -93,6 +93,7 @@ void BBPlock(const char* who) {
 
 void BBPunlock(const char* who) {
   (void)who;
+  K().lock_epoch++;
   K().bbp_mutex.unlock();
 }
 
@@ -174,8 +175,10 @@ char* CVDbat_load(bat i) {
     return nullptr;
   std::string why;
   bool ok = corvid::LoadHeaps(b, &why);
+  const bool fresh = r->sums_fresh && r->fresh_epoch == corvid::K().lock_epoch;
+  r->sums_fresh = false;
   // Files rewritten since the last commit have no sums yet: the commit makes them.
-  if (ok && r->summed && !(b->batStatus & BATSTATUS_REWRITTEN) &&
+  if (ok && r->summed && !fresh && !(b->batStatus & BATSTATUS_REWRITTEN) &&
       !corvid::CheckLoadedSums(*r, &why)) {
     corvid::FreeHeaps(b);
     ok = false;

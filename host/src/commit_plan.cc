@@ -66,6 +66,7 @@ bool PlanEntries(CommitPlan* p, std::string* why) {
     p->cat.bats.push_back(std::move(e));
     p->recs.push_back(r);
     p->checked.push_back(false);
+    p->hashed.push_back(false);
   }
   return true;
 }
@@ -191,6 +192,10 @@ void Apply(CommitPlan* p) {
     }
     r->pending = 0;
     r->summed = true;
+    if (p->hashed[i]) {      // the load that follows within this hold of BBPlock need not hash
+      r->sums_fresh = true;  // the same bytes again
+      r->fresh_epoch = k.lock_epoch;
+    }
     r->name = e.name;
     r->sqltype = e.sqltype;
     r->replaces = 0;

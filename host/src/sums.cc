@@ -25,16 +25,6 @@ T Get(const std::string& s, size_t at) {
   return v;
 }
 
-// Hashes blocks [from, BlockCount(n)) of data into out->blocks.
-void HashFrom(const char* data, size_t n, size_t from, BlockSums* out) {
-  const size_t count = BlockCount(n);
-  out->blocks.resize(count);
-  for (size_t i = from; i < count; i++) {
-    const size_t start = i * kSumBlock;
-    out->blocks[i] = HashBytes(data + start, std::min(kSumBlock, n - start));
-  }
-}
-
 }  // namespace
 
 uint64_t HashBytes(const char* data, size_t n) { return XXH3_64bits(data, n); }
@@ -72,14 +62,14 @@ bool DecodeSums(const std::string& bytes, BlockSums* s, std::string* why) {
   return true;
 }
 
-bool ExtendSums(const BlockSums* old, const char* data, size_t n, uint32_t width, bool heap,
-                BlockSums* out, std::string* why) {
+bool StartExtension(const BlockSums* old, const char* data, size_t n, uint32_t width, bool heap,
+                    BlockSums* out, size_t* first, std::string* why) {
   out->width = width;
   out->covered = n;
   out->blocks.clear();
-  size_t from = 0;
+  *first = 0;
   if (old != nullptr && old->width == width && old->covered <= n) {
-    from = static_cast<size_t>(old->covered / kSumBlock);  // the block holding the old end
+    const size_t from = static_cast<size_t>(old->covered / kSumBlock);  // holds the old end
     const size_t kept = old->covered % kSumBlock;
     if (kept != 0 && !(heap && from == 0) &&
         HashBytes(data + from * kSumBlock, kept) != old->blocks[from]) {
@@ -87,10 +77,18 @@ bool ExtendSums(const BlockSums* old, const char* data, size_t n, uint32_t width
       return false;
     }
     out->blocks.assign(old->blocks.begin(), old->blocks.begin() + from);
+    *first = from;
   }
-  HashFrom(data, n, from, out);
-  if (heap && from > 0) out->blocks[0] = HashBytes(data, std::min(kSumBlock, n));
+  out->blocks.resize(BlockCount(n));
+  if (heap && *first > 0) HashBlocks(data, n, 0, 1, out);
   return true;
+}
+
+void HashBlocks(const char* data, size_t n, size_t first, size_t last, BlockSums* out) {
+  for (size_t i = first; i < last; i++) {
+    const size_t start = i * kSumBlock;
+    out->blocks[i] = HashBytes(data + start, std::min(kSumBlock, n - start));
+  }
 }
 
 std::vector<size_t> BadBlocks(const BlockSums& s, const char* data, size_t n) {

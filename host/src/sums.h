@@ -36,14 +36,18 @@ std::string EncodeSums(const BlockSums& s);
 // Parses and checks a sums file; false with *why ("damaged", "truncated", ...) on any fault.
 bool DecodeSums(const std::string& bytes, BlockSums* s, std::string* why);
 
-// The sums of data[0, n) after an append: the blocks of `old` wholly before its end are
-// kept without reading them again, and the rest is hashed. A string heap's first block holds
-// the hash area, which appends rewrite, so `heap` hashes it again too. With no `old`, or one
-// that cannot have been extended to this data (other width, more bytes), everything is
-// hashed. False with *why when the part of old's last partial block that the append kept no
-// longer matches: damage that the new sums must not take for good data.
-bool ExtendSums(const BlockSums* old, const char* data, size_t n, uint32_t width, bool heap,
-                BlockSums* out, std::string* why);
+// Starts the sums of data[0, n) after an append: *out gets the blocks of `old` wholly before
+// its end, kept without reading them again, and room for the rest; *first is the first block
+// left to HashBlocks. A string heap's first block holds the hash area, which appends rewrite,
+// so with `heap` it is hashed here again. With no `old`, or one that cannot have been
+// extended to this data (other width, more bytes), every block is left to hash. False with
+// *why when the part of old's last partial block that the append kept no longer matches:
+// damage that the new sums must not take for good data.
+bool StartExtension(const BlockSums* old, const char* data, size_t n, uint32_t width, bool heap,
+                    BlockSums* out, size_t* first, std::string* why);
+
+// Hashes blocks [first, last) of data[0, n) into out->blocks, which has room for them.
+void HashBlocks(const char* data, size_t n, size_t first, size_t last, BlockSums* out);
 
 // Indexes of the blocks of data[0, n) whose hash differs from s. REQUIRES: n == s.covered.
 std::vector<size_t> BadBlocks(const BlockSums& s, const char* data, size_t n);
