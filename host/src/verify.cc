@@ -220,10 +220,13 @@ char* CVDfarm_verify(const char* dir, char** report, int* faults) {
                 std::to_string(k.catalog_version) + "); its next commit adds them\n";
   for (size_t i = 1; i < k.pool.size(); i++)
     if (k.pool[i] && k.pool[i]->desc.batPersistent) CheckColumn(&v, *k.pool[i], summed);
-  v.report +=
-      "farm " + k.farm + ": " + std::to_string(v.columns) + " columns, " + std::to_string(v.files) +
-      " files, " + std::to_string(v.blocks) + " blocks checked: " +
-      (v.faults == 0 ? std::string("no faults") : std::to_string(v.faults) + " faults") + "\n";
+  v.report += "farm " + k.farm + ": " + std::to_string(v.columns) + " columns, " +
+              std::to_string(v.files) + " files, " + std::to_string(v.blocks) +
+              " blocks checked: " +
+              (v.faults == 0   ? std::string("no faults")
+               : v.faults == 1 ? std::string("1 fault")
+                               : std::to_string(v.faults) + " faults") +
+              "\n";
   CVDfarm_close();
   if (faults) *faults = v.faults;
   if (report) *report = GDKstrdup(v.report.c_str());
