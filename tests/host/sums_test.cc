@@ -75,7 +75,9 @@ class SumsTest : public ::testing::Test {
   void Append(int n, bool underneath) {
     const int first = static_cast<int>(BBPgetdesc(id_)->batCount);
     if (underneath) return WriteUnderneath(id_, first, n);
-    for (int i = first; i < first + n; i++) ASSERT_EQ(Take(CVDbat_append(id_, &i)), "");
+    std::vector<int> rows(n);
+    for (int i = 0; i < n; i++) rows[i] = first + i;
+    ASSERT_EQ(Take(CVDbat_append_n(id_, rows.data(), n)), "");
   }
   std::string CommitAndVerify() {
     if (TMcommit() != 0) return "commit failed";
@@ -94,11 +96,12 @@ TEST_F(SumsTest, AppendsExtendTheSumsAndVerifyPasses) {
     bool underneath;
     int blocks;  // of the tail after the commit
   } steps[] = {
-      {10000, false, 1},                   // a partial first block
-      {20000, true, 2},                    // starts inside it
-      {3, false, 2},     {2765, true, 2},  // ends exactly on a block boundary (131072 bytes)
-      {1, true, 3},                        // starts on one
-      {50000, false, 6}, {7, true, 6},
+      {10000, false, 1},                      // a partial first block
+      {20000, true, 2},                       // starts inside it
+      {3, false, 2},        {2765, true, 2},  // ends exactly on a block boundary (131072 bytes)
+      {1, true, 3},                           // starts on one
+      {50000, false, 6},    {7, true, 6},
+      {1100000, false, 73},  // enough blocks for the commit's helper thread to join in
   };
   int rows = 0;
   for (const auto& s : steps) {
