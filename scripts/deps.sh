@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs, only those that are missing.
 set -euo pipefail
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-      libleveldb-dev libcli11-dev nlohmann-json3-dev clang-16 libfuzzer-16-dev)
+      libleveldb-dev libcli11-dev nlohmann-json3-dev clang-16 libfuzzer-16-dev libxxhash-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -5,6 +5,7 @@
 //   qopci inspect --farm DIR [--column NAME]... [--limit N]
 //   qopci inspect --farm DIR --rows [--table T] [--column NAME]... [--limit N | --all]
 //                 [--format table|csv|json]
+//   qopci verify --farm DIR
 //   qopci bench [--rows N] [--columns SPEC] [--random] [--queued|--sync] [--runs K] [--dir DIR]
 //               [--json] [--chunk-size C]
 // Errors go to stderr in plain words with exit status 1; --verbose adds the kernel's and the
@@ -21,6 +22,7 @@
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/row_view.h"
+#include "tools/verify.h"
 
 namespace {
 
@@ -158,6 +160,11 @@ int main(int argc, char** argv) {
   inspect_cmd->add_option("--table", inspect.table, "the table whose rows are printed (--rows)");
   inspect_cmd->add_option("--format", inspect.format, "table (default), csv or json (--rows)");
 
+  std::string verify_farm;
+  CLI::App* verify_cmd =
+      app.add_subcommand("verify", "check every column and checksum of a farm without changing it");
+  verify_cmd->add_option("--farm", verify_farm, "farm directory")->required();
+
   qopci::BenchOptions bench;
   CLI::App* bench_cmd = qopci::AddBenchCommand(&app, &bench);
 
@@ -176,6 +183,8 @@ int main(int argc, char** argv) {
       s = qopci::Status::Error("copy: one of --csv FILE or --generate ROWS is required");
     else
       s = qopci::RunCopy(copy, std::cout);
+  } else if (verify_cmd->parsed()) {
+    s = qopci::RunVerify(verify_farm, std::cout);
   } else if (bench_cmd->parsed()) {
     s = qopci::RunBench(bench, std::cout, std::cerr);
   } else {

@@ -5,7 +5,9 @@
 #include <string>
 
 #include "corvid/exception.h"
+#include "corvid/farm.h"
 #include "internal.h"
+#include "sums.h"
 
 namespace corvid {
 
@@ -91,6 +93,7 @@ void BBPlock(const char* who) {
 
 void BBPunlock(const char* who) {
   (void)who;
+  K().lock_epoch++;
   K().bbp_mutex.unlock();
 }
 
@@ -159,16 +162,43 @@ void BBPuncacheit(bat i, int unloaddesc) {
   if (r && r->desc.batPersistent) corvid::FreeHeaps(&r->desc);
 }
 
+char* CVDbat_load(bat i) {
+  corvid::BatRec* r = Rec(i);
+  if (!r) return createException(ILLARG, "BATload_intern", "no BAT with id %d", i);
+  BAT* b = &r->desc;
+  if (!b->batPersistent || b->ttype == TYPE_void) {
+    if (corvid::HeapsLoaded(b)) return nullptr;
+    return createException(MAL, "BATload_intern", "BAT %d is transient and not loaded", i);
+  }
+  // Memory holding the kernel's own uncommitted appends is newer than the files.
+  if (corvid::HeapsLoaded(b) && b->batDirty && !(b->batStatus & BATSTATUS_REWRITTEN))
+    return nullptr;
+  std::string why;
+  bool ok = corvid::LoadHeaps(b, &why);
+  const bool fresh = r->sums_fresh && r->fresh_epoch == corvid::K().lock_epoch;
+  r->sums_fresh = false;
+  // Files rewritten since the last commit have no sums yet: the commit makes them.
+  if (ok && r->summed && !fresh && !(b->batStatus & BATSTATUS_REWRITTEN) &&
+      !corvid::CheckLoadedSums(*r, &why)) {
+    corvid::FreeHeaps(b);
+    ok = false;
+  }
+  if (ok) return nullptr;
+  return createException(IO, "BATload_intern", "BAT %d (%s): %s", i,
+                         r->name.empty() ? "unnamed" : r->name.c_str(), why.c_str());
+}
+
 BAT* BATload_intern(bat i, int lock) {
   (void)lock;
   corvid::BatRec* r = Rec(i);
   if (!r) return nullptr;
   BAT* b = &r->desc;
   if (!b->batPersistent || b->ttype == TYPE_void) return corvid::HeapsLoaded(b) ? b : nullptr;
-  // Memory holding the kernel's own uncommitted appends is newer than the files.
-  if (corvid::HeapsLoaded(b) && b->batDirty && !(b->batStatus & BATSTATUS_REWRITTEN)) return b;
-  std::string why;
-  return corvid::LoadHeaps(b, &why) ? b : nullptr;
+  char* err = CVDbat_load(i);
+  if (err == nullptr) return b;
+  std::fprintf(stderr, "#BATload_intern: %s\n", err);
+  GDKfree(err);
+  return nullptr;
 }
 
 char* BKCcoldBAT(bat* b) {

@@ -13,6 +13,7 @@
 #include "corvid/strheap.h"
 #include "fileio.h"
 #include "internal.h"
+#include "sums.h"
 
 namespace corvid {
 namespace {
@@ -122,8 +123,8 @@ std::string PendingPath(const std::string& path, int version, uint64_t generatio
 
 bool CommittedPath(const Catalog& c, const CatalogEntry& e, int which, std::string* path,
                    std::string* why) {
-  *path = BatPath(e.desc.batCacheid, which == 0 ? "tail" : "theap");
-  if (!(e.pending & (which == 0 ? kPendingTail : kPendingHeap))) return true;
+  *path = BatPath(e.desc.batCacheid, KindExt(which));
+  if (!(e.pending & KindPendingBit(which))) return true;
   std::string pending = PendingPath(*path, c.version, c.generation);
   size_t n;
   if (FileSize(pending, &n, why)) {
@@ -205,7 +206,7 @@ bool ParseCatalog(const std::string& text, Catalog* c, std::string* why) {
     *why = "not a corvid catalog";
     return false;
   }
-  if (c->version != 1 && c->version != kCatalogVersion) {
+  if (c->version < 1 || c->version > kCatalogVersion) {
     *why = "unsupported catalog version " + std::to_string(c->version);
     return false;
   }

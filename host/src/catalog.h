@@ -14,11 +14,15 @@
 
 namespace corvid {
 
-// Version 2 added the SQL type of each BAT and names pending files by generation; version 1
-// catalogs are still read (their BATs have no SQL type).
-inline constexpr int kCatalogVersion = 2;
-inline constexpr int kPendingTail = 1;  // the valid tail is the pending file, if present
-inline constexpr int kPendingHeap = 2;  // likewise for the string heap
+// Version 2 added the SQL type of each BAT and names pending files by generation; version 3
+// promises a sums file beside every column file (sums.h). Versions 1 and 2 are still read:
+// their BATs have no SQL type (1) and no checksums (1 and 2) until the next commit.
+inline constexpr int kCatalogVersion = 3;
+inline constexpr int kFirstSummedVersion = 3;
+inline constexpr int kPendingTail = 1;      // the valid tail is the pending file, if present
+inline constexpr int kPendingHeap = 2;      // likewise for the string heap
+inline constexpr int kPendingTailSums = 4;  // and for the sums of each
+inline constexpr int kPendingHeapSums = 8;
 
 struct CatalogEntry {
   BAT desc{};  // heaps not loaded; tvheap unset (vfree/vsize below)
@@ -52,8 +56,9 @@ bool CheckCatalogFiles(const Catalog& c, std::string* why);
 // never points at a file that a later, unfinished commit wrote.
 std::string PendingPath(const std::string& path, int version, uint64_t generation);
 
-// The file holding entry e's committed tail (which 0) or string heap (which 1): the pending
-// copy where c marks one and it is there. False with *why when that cannot be told.
+// The file holding entry e's committed tail, string heap or their sums (which 0..3, as
+// KindExt): the pending copy where c marks one and it is there. False with *why when that
+// cannot be told.
 bool CommittedPath(const Catalog& c, const CatalogEntry& e, int which, std::string* path,
                    std::string* why);
 

@@ -130,8 +130,14 @@ int TMcommit(void) {
   timer.StartFlush();
   if (!WriteColumnFiles(p, &why)) return Fail(p, why);
   timer.EndFlush();
+  // The sums are hashed on a second core while the flags are checked on this one.
+  if (!StartSums(p, &why)) return Fail(p, why);
   if (!CheckCatalogFiles(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
   if (!CheckRewrittenFlags(p, &why)) return Fail(p, why);
+  FinishSums(p);
+  timer.StartFlush();
+  if (!WriteSums(p, &why) || !SyncDirs(p, &why)) return Fail(p, why);
+  timer.EndFlush();
   if (Faulted(1)) return Fail(p, "injected failure before the catalog");
   const std::string text = SerializeCatalog(p->cat);
   timer.StartFlush();

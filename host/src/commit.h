@@ -5,6 +5,7 @@
 #ifndef CORVID_SRC_COMMIT_H_
 #define CORVID_SRC_COMMIT_H_
 
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +14,11 @@
 #include "internal.h"
 
 namespace corvid {
+
+class SumsHasher;  // sums_io.cc
+struct SumsHasherDeleter {
+  void operator()(SumsHasher* h) const;  // waits for its helper thread first
+};
 
 struct CommitPlan {
   // A column file the commit writes anew: first as `pending`, renamed over `path` once the
@@ -28,7 +34,9 @@ struct CommitPlan {
   Catalog cat;                // the catalog the commit writes
   std::vector<BatRec*> recs;  // the BAT of each catalog entry, in the same order
   std::vector<bool> checked;  // per entry: its flags were checked against its data
-  std::vector<bat> dropped;   // BATs whose replacements take their place
+  std::vector<bool> hashed;   // per entry: its files were hashed for new sums
+  std::unique_ptr<SumsHasher, SumsHasherDeleter> hasher;  // sums being made, if any
+  std::vector<bat> dropped;  // BATs whose replacements take their place
   std::vector<File> files;
   std::set<std::string> dirs;  // directories whose entries the commit changes
   std::string catalog, catalog_new, catalog_backup;
@@ -41,9 +49,19 @@ struct CommitPlan {
 
 // The catalog entries of every persistent BAT, replacements under their targets' names.
 bool PlanEntries(CommitPlan* p, std::string* why);
-// Writes the dirty heaps of the kernel's own BATs as pending files, flushes the files kept
-// as they are (those the copy-into library rewrote among them) and the directories.
+// Writes the dirty heaps of the kernel's own BATs as pending files and flushes the files kept
+// as they are (those the copy-into library rewrote among them).
 bool WriteColumnFiles(CommitPlan* p, std::string* why);
+// Starts making the sums (sums.h) of every column file written or rewritten, and of every
+// file whose BAT has none yet: maps the files and hashes them on a helper thread while the
+// commit goes on. sums_io.cc.
+bool StartSums(CommitPlan* p, std::string* why);
+// Hashes alongside the helper until every block is done.
+void FinishSums(CommitPlan* p);
+// Writes the sums as pending files and flushes them. REQUIRES: FinishSums has run.
+bool WriteSums(CommitPlan* p, std::string* why);
+// Flushes the directories whose entries the commit changed so far.
+bool SyncDirs(CommitPlan* p, std::string* why);
 // For every rewritten BAT that claims sorted, revsorted, key or no-nil: loads its data from
 // its files and clears, in its catalog entry, every claim the data contradicts.
 bool CheckRewrittenFlags(CommitPlan* p, std::string* why);

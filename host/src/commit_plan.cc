@@ -4,6 +4,7 @@
 
 #include "commit.h"
 #include "fileio.h"
+#include "sums.h"
 
 namespace corvid {
 namespace {
@@ -65,6 +66,7 @@ bool PlanEntries(CommitPlan* p, std::string* why) {
     p->cat.bats.push_back(std::move(e));
     p->recs.push_back(r);
     p->checked.push_back(false);
+    p->hashed.push_back(false);
   }
   return true;
 }
@@ -90,6 +92,10 @@ bool WriteColumnFiles(CommitPlan* p, std::string* why) {
       e.pending |= kPendingHeap;
     }
   }
+  return true;
+}
+
+bool SyncDirs(CommitPlan* p, std::string* why) {
   for (const std::string& d : p->dirs)
     if (!SyncPath(d, why)) return false;
   return true;
@@ -185,6 +191,11 @@ void Apply(CommitPlan* p) {
       r->checked.Take(b);
     }
     r->pending = 0;
+    r->summed = true;
+    if (p->hashed[i]) {      // the load that follows within this hold of BBPlock need not hash
+      r->sums_fresh = true;  // the same bytes again
+      r->fresh_epoch = k.lock_epoch;
+    }
     r->name = e.name;
     r->sqltype = e.sqltype;
     r->replaces = 0;
@@ -197,8 +208,8 @@ void Apply(CommitPlan* p) {
   for (const CommitPlan::File& f : p->files)
     if (f.backed_up) doomed.emplace_back(f.backup, 0);
   for (bat id : p->dropped) {
-    doomed.emplace_back(BatPath(id, "tail"), id);
-    doomed.emplace_back(BatPath(id, "theap"), id);
+    for (int which = 0; which < kFileKinds; which++)
+      doomed.emplace_back(BatPath(id, KindExt(which)), id);
     BatRec* t = Rec(id);
     t->name.clear();
     t->sqltype.clear();

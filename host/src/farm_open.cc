@@ -16,6 +16,7 @@
 #include "fileio.h"
 #include "internal.h"
 #include "logger.h"
+#include "sums.h"
 
 namespace corvid {
 namespace {
@@ -114,9 +115,9 @@ bool MakeFarm(const std::string& farm, Catalog* cat, std::string* why) {
 bool Recover(const Catalog& c, std::string* why) {
   std::set<std::string> dirs;
   for (const CatalogEntry& e : c.bats) {
-    for (int i = 0; i < 2; i++) {
-      if (!(e.pending & (i == 0 ? kPendingTail : kPendingHeap))) continue;
-      const std::string path = BatPath(e.desc.batCacheid, i == 0 ? "tail" : "theap");
+    for (int i = 0; i < kFileKinds; i++) {
+      if (!(e.pending & KindPendingBit(i))) continue;
+      const std::string path = BatPath(e.desc.batCacheid, KindExt(i));
       const std::string pending = PendingPath(path, c.version, c.generation);
       size_t n;
       if (!FileSize(pending, &n)) continue;
@@ -137,8 +138,9 @@ bool Sweep(const std::string& farm, const Catalog& c, std::string* why) {
     return false;
   std::set<std::string> named;
   for (const CatalogEntry& e : c.bats) {
-    named.insert(BatPath(e.desc.batCacheid, "tail"));
-    if (e.desc.ttype == TYPE_str) named.insert(BatPath(e.desc.batCacheid, "theap"));
+    for (int i = 0; i < kFileKinds; i++)
+      if (e.desc.ttype == TYPE_str || i % 2 == 0)
+        named.insert(BatPath(e.desc.batCacheid, KindExt(i)));
   }
   return ForEachColumnFile(farm + "/bat", [&](const std::string& path) {
     return named.count(path) != 0 || RemoveFile(path, why);
@@ -150,20 +152,14 @@ bool Sweep(const std::string& farm, const Catalog& c, std::string* why) {
 std::string LoadPath(bat i, const char* ext) {
   std::string path = BatPath(i, ext);
   const BatRec* r = Rec(i);
-  const int bit = std::strcmp(ext, "tail") == 0 ? kPendingTail : kPendingHeap;
+  const int bit = KindPendingBit(KindOf(ext));
   if (!r || !(r->pending & bit)) return path;
   std::string pending = PendingPath(path, K().catalog_version, K().generation);
   size_t n;
   return FileSize(pending, &n) ? pending : path;
 }
 
-}  // namespace corvid
-
-using namespace corvid;
-
-extern "C" {
-
-char* CVDfarm_open(const char* dir, int flags) {
+char* OpenFarm(const char* dir, int flags, bool check_files) {
   Kernel& k = K();
   if (!dir || !*dir) return createException(ILLARG, "CVDfarm_open", "no farm directory given");
   if ((flags & ~(CVD_FARM_CREATE | CVD_FARM_READONLY)) != 0 ||
@@ -211,7 +207,7 @@ char* CVDfarm_open(const char* dir, int flags) {
     if (Rec(e.desc.batCacheid))
       return fail(createException(MAL, "CVDfarm_open", "BAT id %d is in use by a transient BAT",
                                   e.desc.batCacheid));
-  if (!CheckCatalogFiles(cat, &why))
+  if (check_files && !CheckCatalogFiles(cat, &why))
     return fail(createException(IO, "CVDfarm_open", "%s", why.c_str()));
   if (!read_only && (!Recover(cat, &why) || !Sweep(farm, cat, &why)))
     return fail(createException(IO, "CVDfarm_open", "%s", why.c_str()));
@@ -224,6 +220,7 @@ char* CVDfarm_open(const char* dir, int flags) {
     rec->name = e.name;
     rec->sqltype = e.sqltype;
     rec->pending = read_only ? e.pending : 0;  // a writer's Recover has renamed them
+    rec->summed = cat.version >= kFirstSummedVersion;
     if (e.desc.ttype == TYPE_str) {
       rec->vheap.free = e.vfree;
       rec->vheap.size = e.vsize;
@@ -241,6 +238,14 @@ char* CVDfarm_open(const char* dir, int flags) {
   k.lg = LoggerOpen(farm + "/log", read_only);
   return nullptr;
 }
+
+}  // namespace corvid
+
+using namespace corvid;
+
+extern "C" {
+
+char* CVDfarm_open(const char* dir, int flags) { return OpenFarm(dir, flags, true); }
 
 void CVDfarm_close(void) {
   Kernel& k = K();

@@ -47,9 +47,14 @@ struct BatRec {
   int pending = 0;      // kPending* bits: a read-only farm reads these files from the
                         // pending copies while the writer's commit has not renamed them
   PropStamp checked;    // the last check of the property flags
-  int lrefs = 0;        // logical references: keep the BAT alive
-  int prefs = 0;        // physical references (fixes): keep its heaps loaded
-  bool cold = false;    // heaps may be unloaded once nobody fixes the BAT
+  bool summed = false;  // its committed column files have sums files (sums.h)
+  // The last commit hashed its files for new sums: the next load within the same hold of
+  // BBPlock (fresh_epoch) reads the very bytes just hashed and does not check them again.
+  bool sums_fresh = false;
+  uint64_t fresh_epoch = 0;
+  int lrefs = 0;                             // logical references: keep the BAT alive
+  int prefs = 0;                             // physical references (fixes): keep its heaps loaded
+  bool cold = false;                         // heaps may be unloaded once nobody fixes the BAT
   alignas(8) unsigned char scratch[8] = {};  // value handed out by BUNtail for computed tails
 };
 
@@ -68,6 +73,7 @@ struct Kernel {
   // BATs among them, which are not handed out again until the files are gone.
   std::vector<std::string> leftovers;
   std::set<bat> reserved;
+  uint64_t lock_epoch = 0;  // BBPunlock calls so far
   int fail_commit_at = -1;  // test hook: fail the commit at step N (CVDfarm_fail_commit)
 };
 
@@ -85,6 +91,10 @@ std::string BatPath(bat i, const char* ext);  // "<farm>/bat/<physical>.<ext>"
 // the last commit has not yet renamed into place.
 std::string LoadPath(bat i, const char* ext);
 std::string ErrnoText(int err);  // strerror with the number
+
+// CVDfarm_open; check_files false skips the check of the column files' presence and sizes,
+// for CVDfarm_verify, which reports each fault itself.
+char* OpenFarm(const char* dir, int flags, bool check_files);
 
 // Heaps.
 bool HeapsLoaded(const BAT* b);

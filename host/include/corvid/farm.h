@@ -35,6 +35,19 @@ extern "C" {
  * short files, is an error: the farm stays closed and its files as they were. */
 char* CVDfarm_open(const char* dir, int flags);
 
+/* Check every column of the farm in `dir` without trusting it: the farm is opened as a
+ * reader (no lock; nothing in it changes) and closed again. For each persistent BAT: width
+ * against type, count against the tail's size, that its files hold the bytes the catalog
+ * describes, every block against its checksum, that every offset of a string tail points at
+ * a whole string record inside the heap, and its sorted, revsorted, key and no-nil claims
+ * against its values. *report (GDKmalloc'd; free with GDKfree) receives one line per fault,
+ * "<table.column>: <what>", naming the file and block where one is at fault, then a summary
+ * line "farm <dir>: N columns, F files, B blocks checked: no faults" (or "K faults"); a farm
+ * whose catalog predates checksums gets a line saying "no checksums". *faults receives K.
+ * NULL when the check ran, whatever it found; an exception text when it could not (a farm is
+ * already open, or the catalog is missing or damaged: that text is then the one fault). */
+char* CVDfarm_verify(const char* dir, char** report, int* faults);
+
 /* Drop every BAT from memory without committing and close the farm. */
 void CVDfarm_close(void);
 
@@ -81,6 +94,14 @@ const char* CVDbat_name(bat b);
 
 /* Full path of a column file of BAT b: the tail ("tail") or string heap ("theap"). */
 char* CVDbat_filename(bat b, const char* ext, char* buf, size_t len);
+
+/* Load the heaps of persistent BAT b from its files as BATload_intern does, checking every
+ * block of the bytes in use against the committed checksums (files rewritten since the last
+ * commit have none yet). NULL on success, else an exception text naming the BAT, the file
+ * and what is wrong ("IOException:BATload_intern:BAT 3 (t.c): <file>: block 1 (bytes
+ * 65536-131071) does not match its checksum"). BATload_intern prints that text on stderr,
+ * after "#BATload_intern: ", and returns NULL. */
+char* CVDbat_load(bat b);
 
 /* Drop one logical reference; a transient BAT without references is freed. */
 void CVDbat_release(bat b);

@@ -1,0 +1,127 @@
+// The sums file format and block hashing. XXH3 comes from the system's xxHash, compiled
+// inline so that the kernel library carries no run-time dependency for it.
+#include "sums.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "catalog.h"
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+namespace corvid {
+namespace {
+
+constexpr char kMagic[8] = {'c', 'v', 'd', 's', 'u', 'm', 's', '1'};
+
+void Put32(std::string* out, uint32_t v) { out->append(reinterpret_cast<const char*>(&v), 4); }
+void Put64(std::string* out, uint64_t v) { out->append(reinterpret_cast<const char*>(&v), 8); }
+
+template <typename T>
+T Get(const std::string& s, size_t at) {
+  T v;
+  std::memcpy(&v, s.data() + at, sizeof v);  // little-endian host
+  return v;
+}
+
+}  // namespace
+
+uint64_t HashBytes(const char* data, size_t n) { return XXH3_64bits(data, n); }
+
+std::string EncodeSums(const BlockSums& s) {
+  std::string out(kMagic, sizeof kMagic);
+  Put32(&out, static_cast<uint32_t>(kSumBlock));
+  Put32(&out, s.width);
+  Put64(&out, s.covered);
+  for (uint64_t h : s.blocks) Put64(&out, h);
+  Put64(&out, HashBytes(out.data(), out.size()));
+  return out;
+}
+
+bool DecodeSums(const std::string& bytes, BlockSums* s, std::string* why) {
+  if (bytes.size() < kSumsHeader + 8 || std::memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) {
+    *why = bytes.size() < kSumsHeader + 8 ? "is truncated" : "is not a sums file";
+    return false;
+  }
+  if (Get<uint64_t>(bytes, bytes.size() - 8) != HashBytes(bytes.data(), bytes.size() - 8)) {
+    *why = "is damaged (its own checksum does not match)";
+    return false;
+  }
+  const uint64_t covered = Get<uint64_t>(bytes, 16);
+  if (Get<uint32_t>(bytes, 8) != kSumBlock ||
+      bytes.size() != kSumsHeader + 8 * (BlockCount(covered) + 1)) {
+    *why = "has a block size or length this kernel does not write";
+    return false;
+  }
+  s->width = Get<uint32_t>(bytes, 12);
+  s->covered = covered;
+  s->blocks.resize(BlockCount(covered));
+  if (!s->blocks.empty())
+    std::memcpy(s->blocks.data(), bytes.data() + kSumsHeader, 8 * s->blocks.size());
+  return true;
+}
+
+bool StartExtension(const BlockSums* old, const char* data, size_t n, uint32_t width, bool heap,
+                    BlockSums* out, size_t* first, std::string* why) {
+  out->width = width;
+  out->covered = n;
+  out->blocks.clear();
+  *first = 0;
+  if (old != nullptr && old->width == width && old->covered <= n) {
+    const size_t from = static_cast<size_t>(old->covered / kSumBlock);  // holds the old end
+    const size_t kept = old->covered % kSumBlock;
+    if (kept != 0 && !(heap && from == 0) &&
+        HashBytes(data + from * kSumBlock, kept) != old->blocks[from]) {
+      *why = BlockText(from, old->covered) + " no longer matches its checksum";
+      return false;
+    }
+    out->blocks.assign(old->blocks.begin(), old->blocks.begin() + from);
+    *first = from;
+  }
+  out->blocks.resize(BlockCount(n));
+  if (heap && *first > 0) HashBlocks(data, n, 0, 1, out);
+  return true;
+}
+
+void HashBlocks(const char* data, size_t n, size_t first, size_t last, BlockSums* out) {
+  for (size_t i = first; i < last; i++) {
+    const size_t start = i * kSumBlock;
+    out->blocks[i] = HashBytes(data + start, std::min(kSumBlock, n - start));
+  }
+}
+
+std::vector<size_t> BadBlocks(const BlockSums& s, const char* data, size_t n) {
+  std::vector<size_t> bad;
+  for (size_t i = 0; i < BlockCount(n) && i < s.blocks.size(); i++) {
+    const size_t start = i * kSumBlock;
+    if (HashBytes(data + start, std::min(kSumBlock, n - start)) != s.blocks[i]) bad.push_back(i);
+  }
+  return bad;
+}
+
+std::string BlockText(size_t i, uint64_t n) {
+  const uint64_t start = uint64_t{i} * kSumBlock;
+  const uint64_t end = std::min<uint64_t>(start + kSumBlock, n);
+  return "block " + std::to_string(i) + " (bytes " + std::to_string(start) + "-" +
+         std::to_string(end == start ? start : end - 1) + ")";
+}
+
+const char* KindExt(int which) {
+  static const char* const kExt[kFileKinds] = {"tail", "theap", "tail.sums", "theap.sums"};
+  return kExt[which];
+}
+
+int KindPendingBit(int which) {
+  static const int kBit[kFileKinds] = {kPendingTail, kPendingHeap, kPendingTailSums,
+                                       kPendingHeapSums};
+  return kBit[which];
+}
+
+int KindOf(const char* ext) {
+  for (int i = 0; i < kFileKinds; i++)
+    if (std::strcmp(ext, KindExt(i)) == 0) return i;
+  return 0;
+}
+
+}  // namespace corvid

@@ -1,0 +1,185 @@
+// Block checksums across appends: the kernel's own and those written underneath it as the
+// copy-into library does, farms from before checksums, and damage an append must not hide.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "corvid/farm.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Take(char* err) {
+  std::string text = err ? err : "";
+  GDKfree(err);
+  return text;
+}
+
+std::string Bytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The verify report of a closed farm, exception text first if any.
+std::string Verify(const fs::path& dir) {
+  char* report = nullptr;
+  int faults = 0;
+  std::string said = Take(CVDfarm_verify(dir.c_str(), &report, &faults));
+  said += report ? report : "";
+  GDKfree(report);
+  return said;
+}
+
+// Appends rows first, first+1, ... to an int BAT's tail file and descriptor as the copy-into
+// library does: behind the rows, underneath the kernel, the BAT marked rewritten.
+void WriteUnderneath(bat id, int first, int n) {
+  BAT* d = BBPgetdesc(id);
+  BATfree(d);
+  std::vector<int> rows(n);
+  for (int i = 0; i < n; i++) rows[i] = first + i;
+  char path[4096];
+  std::fstream f(CVDbat_filename(id, "tail", path, sizeof path),
+                 std::ios::in | std::ios::out | std::ios::binary);
+  f.seekp(static_cast<std::streamoff>(d->theap.free));
+  f.write(reinterpret_cast<const char*>(rows.data()), 4 * n);
+  f.close();
+  d->batCount += n;
+  d->batCapacity = d->tailRows = d->batCount;
+  d->theap.free = d->theap.size = 4 * d->batCount;
+  d->batDirty = d->batDirtydesc = 1;
+  d->batStatus |= BATSTATUS_REWRITTEN;
+}
+
+class SumsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("corvid_sums_" + std::to_string(::getpid()));
+    fs::remove_all(dir_);
+    ASSERT_EQ(Take(CVDfarm_open(dir_.c_str(), CVD_FARM_CREATE)), "");
+    ASSERT_EQ(Take(CVDbat_create(TYPE_int, "t.a", 0, &id_)), "");
+    tail_ = dir_ / "bat/00/0001.tail";
+  }
+  void TearDown() override {
+    CVDfarm_close();
+    fs::remove_all(dir_);
+  }
+  // Appends n rows continuing the column's values, by the kernel or underneath it.
+  void Append(int n, bool underneath) {
+    const int first = static_cast<int>(BBPgetdesc(id_)->batCount);
+    if (underneath) return WriteUnderneath(id_, first, n);
+    std::vector<int> rows(n);
+    for (int i = 0; i < n; i++) rows[i] = first + i;
+    ASSERT_EQ(Take(CVDbat_append_n(id_, rows.data(), n)), "");
+  }
+  std::string CommitAndVerify() {
+    if (TMcommit() != 0) return "commit failed";
+    CVDfarm_close();
+    std::string said = Verify(dir_);
+    std::string err = Take(CVDfarm_open(dir_.c_str(), 0));
+    return err.empty() ? said : err;
+  }
+  fs::path dir_, tail_;
+  bat id_ = 0;
+};
+
+TEST_F(SumsTest, AppendsExtendTheSumsAndVerifyPasses) {
+  const struct {
+    int rows;
+    bool underneath;
+    int blocks;  // of the tail after the commit
+  } steps[] = {
+      {10000, false, 1},                      // a partial first block
+      {20000, true, 2},                       // starts inside it
+      {3, false, 2},        {2765, true, 2},  // ends exactly on a block boundary (131072 bytes)
+      {1, true, 3},                           // starts on one
+      {50000, false, 6},    {7, true, 6},
+      {1100000, false, 73},  // enough blocks for the commit's helper thread to join in
+  };
+  int rows = 0;
+  for (const auto& s : steps) {
+    SCOPED_TRACE(std::to_string(s.rows) + (s.underneath ? " rows underneath" : " rows"));
+    Append(s.rows, s.underneath);
+    rows += s.rows;
+    EXPECT_NE(CommitAndVerify().find("1 columns, 1 files, " + std::to_string(s.blocks) +
+                                     " blocks checked: no faults"),
+              std::string::npos);
+    BAT* b = BBPdescriptor(id_);  // loads and checks every block
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->batCount, static_cast<BUN>(rows));
+    EXPECT_EQ(*static_cast<const int*>(BUNtail(b, rows - 1)), rows - 1);
+    BBPreleaseref(id_);
+  }
+}
+
+TEST_F(SumsTest, AnAppendKeepsEarlierBlocksAndRefusesADamagedPartialOne) {
+  Append(20000, false);  // 80,000 bytes: block 0 whole, block 1 partial
+  ASSERT_EQ(TMcommit(), 0);
+  const std::string sums = Bytes(tail_.string() + ".sums");
+  auto poke = [&](long at, const void* bytes, size_t n) {
+    std::fstream f(tail_, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(at);
+    f.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(n));
+  };
+  const int garbage = -1, row = 17500;
+  poke(4 * row, &garbage, 4);  // in the part of the partial block that the append keeps
+  Append(100, true);
+  ::testing::internal::CaptureStderr();
+  EXPECT_NE(TMcommit(), 0);
+  const std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find("BAT 1 (t.a): cannot extend its checksums: " + tail_.string() +
+                      ": block 1 (bytes 65536-79999) no longer matches its checksum"),
+            std::string::npos)
+      << said;
+  EXPECT_EQ(Bytes(tail_.string() + ".sums"), sums);  // the previous commit's
+  CVDfarm_close();
+
+  // Damage in a whole block before the old end is not read again: the new sums keep that
+  // block's old hash, so the damage stays visible.
+  poke(4 * row, &row, 4);
+  poke(8, &garbage, 4);
+  ASSERT_EQ(Take(CVDfarm_open(dir_.c_str(), 0)), "");
+  Append(100, true);
+  ASSERT_EQ(TMcommit(), 0);
+  CVDfarm_close();
+  EXPECT_NE(Verify(dir_).find("t.a: tail block 0 (bytes 0-65535) of " + tail_.string() +
+                              " does not match its checksum"),
+            std::string::npos);
+  ASSERT_EQ(Take(CVDfarm_open(dir_.c_str(), 0)), "");
+}
+
+TEST_F(SumsTest, AFarmFromBeforeChecksumsGetsThemWithItsNextCommit) {
+  Append(30000, false);
+  ASSERT_EQ(TMcommit(), 0);
+  CVDfarm_close();
+  // The same farm as a version 2 catalog, without sums files, its checksum made anew.
+  std::istringstream lines(Bytes(dir_ / "catalog"));
+  std::string v2;
+  for (std::string line; std::getline(lines, line) && line.rfind("checksum ", 0) != 0;)
+    v2 += (line == "corvid-catalog 3" ? "corvid-catalog 2" : line) + "\n";
+  uint64_t h = 0xcbf29ce484222325ull;
+  for (unsigned char ch : v2) h = (h ^ ch) * 0x100000001b3ull;
+  char sum[64];
+  std::snprintf(sum, sizeof sum, "checksum %016" PRIx64 "\n", h);
+  std::ofstream(dir_ / "catalog", std::ios::binary) << v2 << sum;
+  fs::remove(tail_.string() + ".sums");
+  EXPECT_NE(Verify(dir_).find("no checksums (catalog version 2); its next commit adds them\n"
+                              "farm " +
+                              dir_.string() +
+                              ": 1 columns, 1 files, 0 blocks checked: "
+                              "no faults"),
+            std::string::npos);
+  ASSERT_EQ(Take(CVDfarm_open(dir_.c_str(), 0)), "");
+  EXPECT_NE(CommitAndVerify().find("1 columns, 1 files, 2 blocks checked: no faults"),
+            std::string::npos);
+  EXPECT_EQ(Bytes(dir_ / "catalog").rfind("corvid-catalog 3\n", 0), 0u);
+}
+
+}  // namespace
