@@ -127,14 +127,15 @@ int TMcommit(void) {
   if (Faulted(0)) return Fail(p, "injected failure before the column files");
   if (!PlanEntries(p, &why)) return Fail(p, why);
   if (!CheckText(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
+  // The sums are hashed on a second core while the column files are flushed and the flags
+  // checked on this one: the flushes wait for the disk, the hashing reads the page cache.
+  if (!StartSums(p, &why)) return Fail(p, why);
   timer.StartFlush();
   if (!WriteColumnFiles(p, &why)) return Fail(p, why);
   timer.EndFlush();
-  // The sums are hashed on a second core while the flags are checked on this one.
-  if (!StartSums(p, &why)) return Fail(p, why);
   if (!CheckCatalogFiles(p->cat, &why)) return Fail(p, "the catalog would not open: " + why);
   if (!CheckRewrittenFlags(p, &why)) return Fail(p, why);
-  FinishSums(p);
+  if (!FinishSums(p, &why)) return Fail(p, why);
   timer.StartFlush();
   if (!WriteSums(p, &why) || !SyncDirs(p, &why)) return Fail(p, why);
   timer.EndFlush();

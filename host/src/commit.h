@@ -17,7 +17,7 @@ namespace corvid {
 
 class SumsHasher;  // sums_io.cc
 struct SumsHasherDeleter {
-  void operator()(SumsHasher* h) const;  // waits for its helper thread first
+  void operator()(SumsHasher* h) const;  // waits for its helper threads first
 };
 
 struct CommitPlan {
@@ -53,11 +53,13 @@ bool PlanEntries(CommitPlan* p, std::string* why);
 // as they are (those the copy-into library rewrote among them).
 bool WriteColumnFiles(CommitPlan* p, std::string* why);
 // Starts making the sums (sums.h) of every column file written or rewritten, and of every
-// file whose BAT has none yet: maps the files and hashes them on a helper thread while the
+// file whose BAT has none yet: reads the files and hashes them on helper threads while the
 // commit goes on. sums_io.cc.
+// REQUIRES: runs before WriteColumnFiles, whose flushes the hashing overlaps.
 bool StartSums(CommitPlan* p, std::string* why);
-// Hashes alongside the helper until every block is done.
-void FinishSums(CommitPlan* p);
+// Hashes alongside the helper until every block is done; false with *why when a column file
+// could not be read.
+bool FinishSums(CommitPlan* p, std::string* why);
 // Writes the sums as pending files and flushes them. REQUIRES: FinishSums has run.
 bool WriteSums(CommitPlan* p, std::string* why);
 // Flushes the directories whose entries the commit changed so far.

@@ -1,5 +1,7 @@
-// The sums file format and block hashing. XXH3 comes from the system's xxHash, compiled
-// inline so that the kernel library carries no run-time dependency for it.
+// The sums file format and block hashing. XXH3 comes from the system's xxHash; on x86-64
+// through its run-time dispatch, which picks the widest vector unit the machine has (AVX2
+// hashes twice as fast as the SSE2 baseline a distribution builds for), with the same
+// hash values on every machine.
 #include "sums.h"
 
 #include <algorithm>
@@ -7,8 +9,12 @@
 
 #include "catalog.h"
 
+#if defined(__x86_64__)
+#include <xxh_x86dispatch.h>
+#else
 #define XXH_INLINE_ALL
 #include <xxhash.h>
+#endif
 
 namespace corvid {
 namespace {
@@ -27,7 +33,13 @@ T Get(const std::string& s, size_t at) {
 
 }  // namespace
 
-uint64_t HashBytes(const char* data, size_t n) { return XXH3_64bits(data, n); }
+uint64_t HashBytes(const char* data, size_t n) {
+#if defined(__x86_64__)
+  return XXH3_64bits_dispatch(data, n);
+#else
+  return XXH3_64bits(data, n);
+#endif
+}
 
 std::string EncodeSums(const BlockSums& s) {
   std::string out(kMagic, sizeof kMagic);

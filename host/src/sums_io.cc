@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
+#include <mutex>
 #include <cerrno>
 #include <thread>
 
@@ -58,7 +60,7 @@ bool CheckLoadedSums(const BatRec& r, std::string* why) {
   return true;
 }
 
-// The sums a commit makes, hashed in pieces of kPieceBlocks blocks by a helper thread and by
+// The sums a commit makes, hashed in pieces of kPieceBlocks blocks by helper threads and by
 // the commit's own thread once it has nothing else to do. The pieces write distinct blocks.
 class SumsHasher {
  public:
@@ -68,6 +70,8 @@ class SumsHasher {
     const char* data = nullptr;  // the bytes in use: heap memory, or `map`
     size_t n = 0;
     void* map = nullptr;  // a private mapping of the file, or null
+    int fd = -1;          // the file, read for hashing: mapped pages cost more than a read
+    std::string path;     // of the file, for messages
     BlockSums sums;
     size_t first = 0;  // blocks before it were kept from the previous sums
   };
@@ -76,45 +80,85 @@ class SumsHasher {
   SumsHasher(const SumsHasher&) = delete;
   SumsHasher& operator=(const SumsHasher&) = delete;
   ~SumsHasher() {
-    Finish();
-    for (Job& j : jobs)
+    std::string ignored;
+    Finish(&ignored);
+    for (Job& j : jobs) {
       if (j.map != nullptr) ::munmap(j.map, j.n);
+      if (j.fd >= 0) ::close(j.fd);
+    }
   }
 
   void Start() {
     for (size_t j = 0; j < jobs.size(); j++)
       for (size_t b = jobs[j].first; b < BlockCount(jobs[j].n); b += kPieceBlocks)
         pieces_.push_back({j, b, std::min(b + kPieceBlocks, BlockCount(jobs[j].n))});
-    if (pieces_.size() < 2) return;  // not worth a thread
+    // The commit's own thread mostly waits for the disk meanwhile: one helper per core.
+    const size_t helpers = std::min<size_t>(pieces_.size() / 2, kHelpers);
     try {
-      helper_ = std::thread([this] { Work(); });
-    } catch (...) {  // no thread to be had: Finish hashes alone
+      for (size_t i = 0; i < helpers; i++) helpers_.emplace_back([this] { Work(); });
+    } catch (...) {  // no more threads to be had: the others and Finish hash the rest
     }
   }
 
-  void Finish() {
+  // False with *why when a file could not be read.
+  bool Finish(std::string* why) {
     Work();
-    if (helper_.joinable()) helper_.join();
+    for (std::thread& t : helpers_) t.join();
+    helpers_.clear();
+    if (failed_.load()) *why = failure_;
+    return !failed_.load();
   }
 
   std::vector<Job> jobs;
 
  private:
   static constexpr size_t kPieceBlocks = 64;  // 4 MiB
+  static constexpr size_t kHelpers = 2;
   struct Piece {
     size_t job, first, last;
   };
 
   void Work() {
-    for (size_t i; (i = next_.fetch_add(1)) < pieces_.size();) {
-      Job& j = jobs[pieces_[i].job];
-      HashBlocks(j.data, j.n, pieces_[i].first, pieces_[i].last, &j.sums);
+    std::unique_ptr<char[]> buffer;  // not zeroed: every byte hashed is read first
+    for (size_t i; (i = next_.fetch_add(1)) < pieces_.size() && !failed_.load();) {
+      const Piece& piece = pieces_[i];
+      Job& j = jobs[piece.job];
+      if (j.fd < 0) {
+        HashBlocks(j.data, j.n, piece.first, piece.last, &j.sums);
+        continue;
+      }
+      const size_t start = piece.first * kSumBlock;
+      const size_t n = std::min(piece.last * kSumBlock, j.n) - start;
+      if (!buffer) buffer.reset(new char[kPieceBlocks * kSumBlock]);
+      size_t got = 0;
+      while (got < n) {
+        const ssize_t r = ::pread(j.fd, buffer.get() + got, n - got, static_cast<off_t>(start + got));
+        if (r <= 0) {
+          Fail("cannot read " + j.path + ": " + (r == 0 ? "it ended early" : ErrnoText(errno)));
+          return;
+        }
+        got += static_cast<size_t>(r);
+      }
+      for (size_t b = piece.first; b < piece.last; b++) {
+        const size_t at = (b - piece.first) * kSumBlock;
+        j.sums.blocks[b] = HashBytes(buffer.get() + at, std::min(kSumBlock, n - at));
+      }
     }
+  }
+
+  void Fail(std::string why) {
+    std::lock_guard<std::mutex> hold(failure_mutex_);
+    if (failed_.load()) return;
+    failure_ = std::move(why);
+    failed_.store(true);
   }
 
   std::vector<Piece> pieces_;
   std::atomic<size_t> next_{0};
-  std::thread helper_;
+  std::vector<std::thread> helpers_;
+  std::mutex failure_mutex_;
+  std::atomic<bool> failed_{false};
+  std::string failure_;  // the first read that failed; set once, under failure_mutex_
 };
 
 void SumsHasherDeleter::operator()(SumsHasher* h) const { delete h; }
@@ -124,10 +168,13 @@ bool StartSums(CommitPlan* p, std::string* why) {
   for (size_t i = 0; i < p->recs.size(); i++) {
     const BatRec& r = *p->recs[i];
     const BAT& b = r.desc;
-    CatalogEntry& e = p->cat.bats[i];
     const bool rewritten = (b.batStatus & BATSTATUS_REWRITTEN) != 0;
-    for (int which = 0; which < (b.ttype == TYPE_str ? 2 : 1); which++) {
-      const bool from_memory = (e.pending & KindPendingBit(which)) != 0;
+    const bool str = b.ttype == TYPE_str;
+    // The heaps WriteColumnFiles writes from memory (it runs after this, so that the hashing
+    // overlaps its flushes): those of the kernel's own loaded and dirty BATs.
+    const bool dirty = b.batDirty || b.theap.dirty || (str && b.tvheap->dirty);
+    const bool from_memory = !rewritten && HeapsLoaded(&b) && dirty;
+    for (int which = 0; which < (str ? 2 : 1); which++) {
       if (!from_memory && !rewritten && r.summed) continue;  // the committed sums hold
       p->hasher->jobs.emplace_back();
       SumsHasher::Job& j = p->hasher->jobs.back();
@@ -147,7 +194,8 @@ bool StartSums(CommitPlan* p, std::string* why) {
         const int fd = SysOpen(path.c_str(), O_RDONLY);
         j.map = fd < 0 ? MAP_FAILED : SysMmap(j.n, PROT_READ, MAP_PRIVATE, fd);
         const int err_no = errno;
-        if (fd >= 0) ::close(fd);
+        j.fd = fd;
+        j.path = path;
         if (j.map == MAP_FAILED) {
           j.map = nullptr;
           *why = Label(r) + ": cannot read " + path + ": " + ErrnoText(err_no);
@@ -166,8 +214,8 @@ bool StartSums(CommitPlan* p, std::string* why) {
   return true;
 }
 
-void FinishSums(CommitPlan* p) {
-  if (p->hasher) p->hasher->Finish();
+bool FinishSums(CommitPlan* p, std::string* why) {
+  return p->hasher == nullptr || p->hasher->Finish(why);
 }
 
 bool WriteSums(CommitPlan* p, std::string* why) {

@@ -120,6 +120,12 @@ void CVDfarm_fail_commit(int step);
  * effect, is not counted: it cannot fail the commit. */
 void CVDfarm_fail_commit_call(int n, int err);
 
+/* Test hook: with `skip` not 0, loading a BAT does not check its blocks against their
+ * checksums (CVDfarm_verify still does), as for a farm whose catalog predates checksums.
+ * Lets tests and fuzz targets reach what reads damaged bytes: that code must stay safe for
+ * the farms no checksum covers. */
+void CVDfarm_skip_load_checksums(int skip);
+
 /* File-system calls made by the last TMcommit: lets a test arm each of them in turn. */
 int CVDcommit_call_count(void);
 
