@@ -48,9 +48,9 @@ std::string FormatDecimal(const BAT& b, const void* v, int scale) {
 }
 
 Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit) {
-  BAT* b = BBPdescriptor(c.id);
-  if (b == nullptr) return Status::Error("cannot load column " + c.name + " from its files");
-  Status s;
+  BAT* b = nullptr;
+  Status s = LoadColumn(c.id, c.name, &b);
+  if (!s.ok()) return s;
   {
     ValueFormatter format(c.id, b);
     out << c.name << ":";

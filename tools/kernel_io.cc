@@ -243,4 +243,11 @@ Status BuildResultTable(mvc* m, const Manifest& manifest, const ResultData& data
   return Status::OK();
 }
 
+Status LoadColumn(bat id, const std::string& name, BAT** out) {
+  Status s = FromKernel(CVDbat_load(id));
+  if (s.ok()) *out = BBPdescriptor(id);  // the heaps just loaded
+  if (s.ok() && *out == nullptr) s = Status::Error("cannot load column " + name);
+  return s;
+}
+
 }  // namespace qopci

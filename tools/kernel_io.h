@@ -31,6 +31,11 @@ enum class FarmUse { kRead, kWrite };
 // place, holding only the kernel's own entries) passes: the kernel finishes it.
 Status CheckFarmDir(const std::string& dir, FarmUse use, bool init);
 
+// Loads column `name` (BAT id) of the open farm and fixes it (*out; release with
+// BBPreleaseref). A column whose files are damaged fails with the kernel's reason: the file,
+// and the block that does not match its checksum.
+Status LoadColumn(bat id, const std::string& name, BAT** out);
+
 // Turn a kernel exception text (or NULL) into a Status; frees the text.
 Status FromKernel(char* exception);
 

@@ -179,11 +179,9 @@ Status PrintRows(std::ostream& out, const RowViewOptions& options) {
   if (!s.ok()) return s;
   std::vector<Loaded> cols;
   for (const FarmColumn& c : chosen) {
-    BAT* b = BBPdescriptor(c.id);
-    if (b == nullptr) {
-      s = Status::Error("cannot load column " + c.name + " from its files");
-      break;
-    }
+    BAT* b = nullptr;
+    s = LoadColumn(c.id, c.name, &b);
+    if (!s.ok()) break;
     cols.push_back({c, b, std::make_unique<ValueFormatter>(c.id, b)});
     if (b->batCount != cols[0].b->batCount) {
       s = Status::Error("columns " + cols[0].column.name + " (" +

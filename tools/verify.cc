@@ -8,7 +8,8 @@ namespace qopci {
 Status RunVerify(const std::string& farm, std::ostream& out) {
   char* report = nullptr;
   int faults = 0;
-  Status s = FromKernel(CVDfarm_verify(farm.c_str(), &report, &faults));
+  Status s = CheckFarmDir(farm, FarmUse::kRead, false);
+  if (s.ok()) s = FromKernel(CVDfarm_verify(farm.c_str(), &report, &faults));
   if (report != nullptr) out << report;
   GDKfree(report);
   if (!s.ok()) return s;
