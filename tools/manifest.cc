@@ -218,6 +218,11 @@ Status ParseManifest(const std::string& json_text, Manifest* out) {
   } catch (const json::parse_error& e) {
     return Status::Error("manifest: not valid JSON at " + TextPosition(json_text, e.byte) + ": " +
                          ParseErrorReason(e.what()));
+  } catch (const json::exception& e) {  // a number beyond a double's range: 1e400
+    const std::string what = e.what();
+    const size_t close = what.find("] ");
+    return Status::Error("manifest: not valid JSON: " +
+                         (close == std::string::npos ? what : what.substr(close + 2)));
   }
   if (!j.is_object()) return Status::Error("manifest: must be a JSON object");
   *out = Manifest();

@@ -107,6 +107,8 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
       {"{\"table\": \"t\",\n \"columns\": tru}",
        "manifest: not valid JSON at line 2, column 16: invalid literal; last read: "
        "'\"columns\": tru}'"},
+      {R"({"table": "t", "chunk_size": 1e400})",
+       "manifest: not valid JSON: number overflow parsing '1e400'"},
       {R"({"columns": []})", "manifest: missing \"table\""},
       {R"({"table": "t"})", "manifest: missing \"columns\""},
       {R"({"table": "t", "columns": []})", "manifest: \"columns\" must be a non-empty array"},
