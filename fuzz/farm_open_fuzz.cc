@@ -184,8 +184,15 @@ void ReadEverything() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Setup& s = Get();
-  fs::remove_all(s.work);
-  fs::copy(s.farm, s.work, fs::copy_options::recursive);
+  // libFuzzer's timer signal can interrupt the copy's system calls: try again rather than
+  // report the harness's own EINTR as a finding.
+  std::error_code ec;
+  for (int attempt = 0; attempt < 100; attempt++) {
+    fs::remove_all(s.work, ec);
+    fs::copy(s.farm, s.work, fs::copy_options::recursive, ec);
+    if (!ec) break;
+  }
+  if (ec) throw fs::filesystem_error("cannot copy the template farm", s.farm, s.work, ec);
   Damage(s, data, size);
   if (char* err = CVDfarm_open(s.work.c_str(), CVD_FARM_READONLY)) {
     GDKfree(err);
