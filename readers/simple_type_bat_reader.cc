@@ -53,7 +53,8 @@ SimpleTypeBATReader<T>::~SimpleTypeBATReader() = default;
 
 template <typename T>
 bool SimpleTypeBATReader<T>::Initialize(TextLog* log) {
-  bool ok = reader_->Open();
+  // Open as the class has it: a dictionary reader opens its code file too.
+  bool ok = Open();
   if (!ok) TextLogAppend(log, ReaderName<T>(), "Initialize failed to initialize reader.");
   return ok;
 }
