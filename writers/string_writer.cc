@@ -142,16 +142,20 @@ bool StringWriter::WidenTail(int32_t new_width, uint64_t count) {
     errno = err;
     return false;
   }
+  bool ok;
   if (RemoveFile(tail_name_)) {
-    if (std::rename(temp.c_str(), tail_name_.c_str()) != 0) return false;
-  } else if (!CopyInPlace(temp, written)) {
-    return false;
+    ok = std::rename(temp.c_str(), tail_name_.c_str()) == 0;
   } else {
+    ok = CopyInPlace(temp, written);  // the tail stays, its bytes replaced
+    int err = errno;
     RemoveFile(temp);
+    errno = err;
   }
+  // Even after a failure the writer keeps a tail writer, so Close and the sizes still work;
+  // the column has failed then.
   tail_.reset(new MMFByteWriter(tail_name_, true, written));
   tail_->SetCompressed(compressed_);
-  return tail_->Open();
+  return tail_->Open() && ok;
 }
 
 bool StringWriter::RewriteTail(const std::string& temp, int32_t new_width, uint64_t count,
@@ -178,6 +182,9 @@ bool StringWriter::RewriteTail(const std::string& temp, int32_t new_width, uint6
     }
   }
   *written = out.GetWrittenCount();
+  // Scalar writes leave the logical size at the end of their span; the file is cut to the
+  // values, so that it is a whole tail even if nothing is ever appended to it.
+  if (out.GetMMF() != nullptr) out.GetMMF()->SetLogicalSize(*written);
   reader.Close();
   if (!out.Close()) ok = false;
   return ok;

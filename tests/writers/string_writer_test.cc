@@ -3,6 +3,7 @@
 #include "writers/string_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "tests/writers/string_test_farm.h"
+#include "writers/mmf/mmf_fault.h"
 
 namespace qopci_test {
 namespace {
@@ -126,6 +128,106 @@ TEST_F(StringFarmTest, KernelReadsWhatTheLibraryWroteOrExtended) {
   }
 }
 
+void Put(const std::string& path, const std::string& bytes) {
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  std::fwrite(bytes.data(), 1, bytes.size(), f);
+  std::fclose(f);
+}
+
+ino_t Inode(const std::string& path) {
+  struct stat st {};
+  stat(path.c_str(), &st);
+  return st.st_ino;
+}
+
+// A second export widens the tail the first wrote. Each system call of that write fails in
+// turn: a write that fails before the tail is replaced leaves it exactly as it was, one
+// whose tail cannot be removed rewrites it in place, and every write that succeeds leaves
+// the kernel's own files.
+TEST_F(StringFarmTest, WideningAcrossExportsAndWhenItFails) {
+  const std::vector<std::string> first = Lines(Many("f", 40, 8));  // width 1
+  std::vector<std::string> second = Lines(Many("s", 300, 8));      // then width 2
+  second.push_back(first[3]);
+  std::vector<std::string> all = first;
+  all.insert(all.end(), second.begin(), second.end());
+  const KernelColumn k = Kernel(all);
+  ASSERT_EQ(k.width, 2);
+  const std::string heap = Path("h"), tail = Path("t");
+  ASSERT_EQ(Library(first, 1000, heap, tail), 1);
+  const std::string heap1 = ReadFile(heap), tail1 = ReadFile(tail);
+  const std::string widened = k.tail.substr(0, 2 * first.size());
+  bool in_place = false, failed_unchanged = false;
+  for (int n = 1;; n++) {
+    SCOPED_TRACE(n);
+    Put(heap, heap1);
+    Put(tail, tail1);
+    const ino_t inode = Inode(tail);
+    StringChunker chunker(1000, 20, heap.c_str(), heap1.size());
+    StringWriter writer(heap.c_str(), tail.c_str(), true, first.size(), heap1.size());
+    ASSERT_TRUE(writer.Open());
+    uint32_t offset;
+    for (const std::string& s : second) chunker.InsertString(s.c_str(), &offset);
+    qopci::BATChunk* chunk = chunker.TakeChunk();
+    qopci::MMFInjectFailure(n);
+    const bool ok = writer.WriteChunk(chunk);
+    const uint64_t calls = qopci::MMFSystemCallCount();
+    qopci::MMFInjectFailure(0);
+    if (!ok) delete chunk;
+    writer.Close();
+    const std::string t = ReadFile(tail);
+    EXPECT_FALSE(std::filesystem::exists(tail + "2"));
+    if (ok) {
+      EXPECT_TRUE(t == k.tail);
+      EXPECT_TRUE(ReadFile(heap) == k.heap);
+      EXPECT_EQ(writer.GetValueWidth(), 2u);
+      if (Inode(tail) == inode) in_place = true;
+    } else if (t == tail1) {
+      failed_unchanged = true;
+    } else {
+      EXPECT_TRUE(t == widened);  // replaced by the widened rows, the new ones not appended
+    }
+    if (calls < static_cast<uint64_t>(n)) break;  // the armed call was never reached
+  }
+  EXPECT_TRUE(in_place);
+  EXPECT_TRUE(failed_unchanged);
+}
+
+// Little-endian values of the given width.
+std::string Packed(const std::vector<uint64_t>& values, int width) {
+  std::string out;
+  for (uint64_t v : values) out.append(reinterpret_cast<const char*>(&v), width);
+  return out;
+}
+
+TEST_F(StringFarmTest, WideningRewritesEveryValue) {
+  struct Case {
+    int from, to;
+    uint64_t heap_bytes;  // gives the writer its starting width
+    std::vector<uint64_t> before, after;
+  } cases[] = {
+      {1, 2, 2048, {0, 7, 255}, {0, 7, 255}},
+      {2, 4, 4096, {0, 300, 65535}, {256, 556, 65791}},  // the reduction by 256 goes
+      {1, 4, 2048, {0, 255}, {256, 511}},
+      {4, 8, 2048 + 8 * (65536 + 256), {70000, 4000000000}, {70000, 4000000000}},
+      {2, 8, 4096, {1, 2}, {257, 258}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.from << " to " << c.to);
+    const std::string heap = Path("w.theap"), tail = Path("w.tail");
+    Put(heap, "");
+    ASSERT_EQ(truncate(heap.c_str(), c.heap_bytes), 0);
+    Put(tail, Packed(c.before, c.from));
+    StringWriter writer(heap.c_str(), tail.c_str(), true, c.before.size(), c.heap_bytes);
+    ASSERT_EQ(writer.GetValueWidth(), static_cast<uint32_t>(c.from));
+    ASSERT_TRUE(writer.Open());
+    EXPECT_FALSE(writer.WidenTail(c.from, c.before.size()));  // not wider
+    ASSERT_TRUE(writer.WidenTail(c.to, c.before.size()));
+    ASSERT_TRUE(writer.Close());
+    EXPECT_EQ(ReadFile(tail), Packed(c.after, c.to));
+    EXPECT_FALSE(std::filesystem::exists(tail + std::to_string(c.to)));
+  }
+}
+
 TEST_F(StringFarmTest, WidthStartsFromTheHeapFileOnDisk) {
   struct Case {
     const char* name;
@@ -143,8 +245,7 @@ TEST_F(StringFarmTest, WidthStartsFromTheHeapFileOnDisk) {
     const std::string heap = Path("w.theap");
     std::filesystem::remove(heap);
     if (c.heap_bytes >= 0) {
-      std::FILE* f = std::fopen(heap.c_str(), "wb");
-      std::fclose(f);
+      Put(heap, "");
       ASSERT_EQ(truncate(heap.c_str(), c.heap_bytes), 0);
     }
     StringWriter writer(heap.c_str(), Path("w.tail").c_str(), true, 0, 0);
