@@ -34,6 +34,35 @@ bool SameRecord(const char* record, const char* s, uint32_t len, uint32_t hash) 
   return stored_len == len && stored_hash == hash && std::memcmp(record, s, len) == 0;
 }
 
+uint64_t Load64(const char* p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+uint32_t Load32(const char* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// A hash of the n bytes at s that reads them a word at a time and never past them.
+uint64_t QuickHash(const char* s, size_t n) {
+  constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
+  uint64_t h = (n + 1) * kMul;
+  for (; n > 8; s += 8, n -= 8) h = (h ^ Load64(s)) * kMul;
+  uint64_t last;
+  if (n >= 4)
+    last = Load32(s) | uint64_t{Load32(s + n - 4)} << 32;
+  else if (n > 0)
+    last = static_cast<unsigned char>(s[0]) | static_cast<unsigned char>(s[n / 2]) << 8 |
+           static_cast<unsigned char>(s[n - 1]) << 16;
+  else
+    last = 0;
+  h = (h ^ last) * kMul;
+  return h ^ (h >> 29);
+}
+
 [[noreturn]] void ThrowAboutFile(const char* format, const char* file, uint64_t size) {
   static char text[1024];
   snprintf(text, sizeof text, format, file ? file : "", static_cast<unsigned long long>(size));
@@ -73,6 +102,8 @@ StringHeap::StringHeap(uint32_t chunk_size, uint32_t expected_width, const char*
       expected_width_(static_cast<int32_t>(expected_width)),
       limit_(g_limit) {
   if (existing_size > 0) Load(existing_file, existing_size);
+  if (!elimination_off_ && heap_->free < CVD_STRHEAP_ELIMLIMIT)
+    recent_.reset(new uint64_t[uint64_t{1} << kRecentBits]());
 }
 
 void StringHeap::Load(const char* file, uint64_t existing_size) {
@@ -153,6 +184,33 @@ int64_t StringHeap::FindDuplicate(const char* s, uint32_t len, uint32_t hash, ui
 }
 
 int64_t StringHeap::AddString(const char* s, bool* found) {
+  // Below 64 KiB every string is in the heap at most once, found through its chain, so an
+  // index of the strings seen so far (by a hash that is cheap to compute) gives exactly
+  // what the chain walk would, without the kernel's hash. A miss takes the kernel's path.
+  uint64_t* slot = nullptr;
+  uint32_t tag = 0;
+  if (recent_ && heap_->free < CVD_STRHEAP_ELIMLIMIT) {
+    const size_t n = std::strlen(s);
+    const uint64_t h = QuickHash(s, n);
+    slot = &recent_[h >> (64 - kRecentBits)];
+    tag = static_cast<uint32_t>(h);
+    const uint32_t v = static_cast<uint32_t>(*slot);
+    if (v != 0 && (*slot >> 32) == tag) {
+      const char* record = heap_->base + uint64_t{v} * CVD_STRHEAP_ALIGN;
+      uint32_t stored_len;
+      std::memcpy(&stored_len, record - CVD_STRHEAP_PREFIX, 4);
+      if (stored_len == n + 1 && std::memcmp(record, s, n + 1) == 0) {
+        *found = true;
+        return v;
+      }
+    }
+  }
+  const int64_t v = AddStringSlowly(s, found);
+  if (slot != nullptr && v > 0) *slot = uint64_t{tag} << 32 | static_cast<uint64_t>(v);
+  return v;
+}
+
+int64_t StringHeap::AddStringSlowly(const char* s, bool* found) {
   *found = false;
   const uint32_t len = cvd_str_len(s);
   const uint32_t hash = cvd_str_hash(s);

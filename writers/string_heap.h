@@ -86,7 +86,10 @@ class StringHeap : public CorvidHeap {
   static void SetLimitForTesting(uint64_t limit);
 
  private:
+  static constexpr int kRecentBits = 13;  // slots of the index of strings below 64 KiB
+
   void Load(const char* file, uint64_t existing_size);
+  int64_t AddStringSlowly(const char* s, bool* found);
   int64_t FindDuplicate(const char* s, uint32_t len, uint32_t hash, uint32_t bucket,
                         bool* found) const;
   bool Grow(uint64_t need);  // makes the buffer hold `need` bytes from base[0]
@@ -100,6 +103,8 @@ class StringHeap : public CorvidHeap {
   bool restart_ = true;                // the next flush starts at position 0
   uint64_t limit_;                     // a record may end at this position, not past it
   std::unique_ptr<char[]> hash_area_;  // the hash area once the buffer no longer starts at 0
+  // Strings below 64 KiB by a quick hash: its low 32 bits, then the tail value; 0 is empty.
+  std::unique_ptr<uint64_t[]> recent_;
 };
 
 }  // namespace qopci
