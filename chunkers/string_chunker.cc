@@ -57,6 +57,8 @@ bool StringChunker::IsChunkFull() {
 }
 
 bool StringChunker::InsertString(const char* s, uint32_t* offset) {
+  // A caller that skipped IsChunkFull gets false, and the heap stays as it was.
+  if (IsChunkFull()) return false;
   bool found;
   const int64_t v = heap_->AddString(s, &found);
   if (v == StringHeap::kPastLimit) throw "String heap would pass 4 GiB";

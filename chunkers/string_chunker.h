@@ -54,7 +54,7 @@ class StringChunker : public Chunker<char*>, public StringChunkerBase {
 
   // Stores s (the nil string clears HasNoNils whichever way it comes) and reports its tail
   // value in *offset. Throws "String heap would pass 4 GiB" or "StringHeap out of memory",
-  // storing nothing. REQUIRES: !IsChunkFull().
+  // storing nothing; returns false, storing nothing, when the chunk is full.
   virtual bool InsertString(const char* s, uint32_t* offset);
   // InsertString for each of n strings, offsets to consecutive places; true for n < 1.
   virtual bool InsertStrings(char** strings, uint32_t* offsets, int n);

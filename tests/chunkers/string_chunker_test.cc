@@ -156,6 +156,12 @@ TEST(StringChunkerTest, ChunksCarryTheirOwnHeapBytes) {
   uint32_t hash = cvd_str_hash(std::string(105, 'f').c_str());
   std::memcpy(&head, heap.data() + 2 * cvd_str_bucket(hash), 2);
   EXPECT_EQ(head + 10u, offset * 8);
+  chunker.InsertString("x", &offset);
+  chunker.InsertString("y", &offset);
+  const uint64_t free = chunker.Heap().Free();
+  EXPECT_FALSE(chunker.InsertString("z", &offset));  // full: nothing stored
+  EXPECT_EQ(chunker.Heap().Free(), free);
+  EXPECT_EQ(chunker.GetValueCount(), 8u);
 }
 
 }  // namespace
