@@ -77,12 +77,10 @@ class StringFarmTest : public ::testing::Test {
   // Runs strings through a chunker of chunk_size into a writer of the two files, through a
   // queue of two workers when queued. Returns the writer's tail width (0 on failure).
   static int Library(const std::vector<std::string>& strings, int32_t chunk_size,
-                     const std::string& heap, const std::string& tail, bool queued = false,
-                     int32_t heap_parameter = 20, bool keep = false, uint64_t rows = 0,
-                     uint64_t heap_size = 0) {
+                     const std::string& heap, const std::string& tail, bool queued = false) {
     ConcurrentQueue queue(nullptr, 2);
-    StringChunker chunker(chunk_size, heap_parameter, heap.c_str(), heap_size);
-    StringWriter writer(heap.c_str(), tail.c_str(), keep, rows, heap_size);
+    StringChunker chunker(chunk_size, 20, heap.c_str(), 0);
+    StringWriter writer(heap.c_str(), tail.c_str(), false, 0, 0);
     if (queued) writer.SetQueue(&queue);
     if (!writer.Open()) return 0;
     for (size_t i = 0; i < strings.size(); i++) {

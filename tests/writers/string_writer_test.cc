@@ -1,5 +1,5 @@
 // StringWriter: the kernel reads back every row of a column the library wrote or extended;
-// tail widths from the heap file's size, and a tail of width 8.
+// tail widening, and a tail of width 8.
 #include "writers/string_writer.h"
 
 #include <gtest/gtest.h>
@@ -218,40 +218,14 @@ TEST_F(StringFarmTest, WideningRewritesEveryValue) {
     ASSERT_EQ(truncate(heap.c_str(), c.heap_bytes), 0);
     Put(tail, Packed(c.before, c.from));
     StringWriter writer(heap.c_str(), tail.c_str(), true, c.before.size(), c.heap_bytes);
-    ASSERT_EQ(writer.GetValueWidth(), static_cast<uint32_t>(c.from));
+    ASSERT_EQ(writer.GetValueWidth(), static_cast<uint32_t>(c.from));  // from the heap's size
+    EXPECT_STREQ(writer.GetFileName(), heap.c_str());  // the heap names the column's BAT
     ASSERT_TRUE(writer.Open());
     EXPECT_FALSE(writer.WidenTail(c.from, c.before.size()));  // not wider
     ASSERT_TRUE(writer.WidenTail(c.to, c.before.size()));
     ASSERT_TRUE(writer.Close());
     EXPECT_EQ(ReadFile(tail), Packed(c.after, c.to));
     EXPECT_FALSE(std::filesystem::exists(tail + std::to_string(c.to)));
-  }
-}
-
-TEST_F(StringFarmTest, WidthStartsFromTheHeapFileOnDisk) {
-  struct Case {
-    const char* name;
-    int64_t heap_bytes;  // -1: no file
-    uint32_t width;
-  } cases[] = {
-      {"no heap file", -1, 1},
-      {"empty hash area only", 2048, 1},
-      {"value 255 fits", 2048 + 8 * 255, 1},
-      {"value 256 needs 2", 2048 + 8 * 256, 2},
-      {"values past 65535 + 256", 2048 + 8 * (65536 + 256), 4},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string heap = Path("w.theap");
-    std::filesystem::remove(heap);
-    if (c.heap_bytes >= 0) {
-      Put(heap, "");
-      ASSERT_EQ(truncate(heap.c_str(), c.heap_bytes), 0);
-    }
-    StringWriter writer(heap.c_str(), Path("w.tail").c_str(), true, 0, 0);
-    EXPECT_EQ(writer.GetValueWidth(), c.width);
-    EXPECT_STREQ(writer.GetHeapFileName(), heap.c_str());
-    EXPECT_STREQ(writer.GetFileName(), heap.c_str());
   }
 }
 
