@@ -53,7 +53,8 @@ SimpleTypeBATReader<T>::~SimpleTypeBATReader() = default;
 
 template <typename T>
 bool SimpleTypeBATReader<T>::Initialize(TextLog* log) {
-  bool ok = reader_->Open();
+  // Open as the class has it: a dictionary reader opens its code file too.
+  bool ok = Open();
   if (!ok) TextLogAppend(log, ReaderName<T>(), "Initialize failed to initialize reader.");
   return ok;
 }
@@ -64,6 +65,14 @@ bool SimpleTypeBATReader<T>::MoveTo(uint64_t position) {
   if (mmf == nullptr || reader_->IsEmpty()) return false;
   const uint64_t limit = std::min(mmf->GetSizeAtOpen(), mmf->GetRequestedSizeCopy());
   if (position > limit || limit - position < sizeof(T)) return false;
+  // A span placed anew starts on a granule boundary, so that lookups walking backwards or
+  // jumping about move it once per granule rather than once per element.
+  const uint64_t span_start = reader_->SpanStart();
+  if (reader_->Span() == nullptr || position < span_start ||
+      position - span_start >= reader_->SpanLength()) {
+    const uint64_t aligned = position - position % MMF::kGranularity;
+    if (aligned != position && !reader_->Seek(aligned)) return false;
+  }
   return reader_->Seek(position);
 }
 

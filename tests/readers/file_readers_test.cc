@@ -9,6 +9,7 @@
 
 #include "gtest/gtest.h"
 #include "readers/simple_type_bat_reader.h"
+#include "readers/simple_type_dict_reader.h"
 #include "readers/string_tail_reader.h"
 #include "readers/text_log.h"
 #include "tests/readers/reader_test_util.h"
@@ -50,9 +51,9 @@ TEST(TextLogTest, AppendsCutsAndStopsWhenFull) {
 using FixedTest = ReaderTest;
 
 // Reads every element with the logging Read; returns the values and the log's text.
-template <typename T>
-std::vector<T> ReadAll(BATReader<T>& r, OwnedLog* log) {
-  std::vector<T> out;
+template <typename R>
+auto ReadAll(R& r, OwnedLog* log) {
+  std::vector<decltype(r.GetValue())> out;
   if (!r.Initialize(&log->log)) return out;
   while (r.Read(&log->log)) out.push_back(r.GetValue());
   r.Close();
@@ -173,6 +174,104 @@ TEST_F(FixedTest, ValuesOfEachTypeAndSetValue) {
   l.Close();
   SimpleTypeBATReader<int64_t> again(path.c_str(), MMF::kNoRequestedSize);
   EXPECT_EQ(ReadAll(again, &log), (std::vector<int64_t>{INT64_MIN, -9, INT64_MAX}));
+}
+
+using DictTest = ReaderTest;
+
+// Reads a dictionary-coded column row by row through SimpleTypeDictReader<T,U>.
+template <typename T, typename U>
+std::vector<T> DecodeAll(const std::string& values, const std::string& codes, uint32_t* width) {
+  SimpleTypeDictReader<T, U> r(values.c_str(), MMF::kNoRequestedSize,
+                               new SimpleTypeBATReader<U>(codes.c_str(), MMF::kNoRequestedSize));
+  *width = r.ElementWidth();
+  std::vector<T> out;
+  if (!r.Open()) return out;
+  while (r.Read()) out.push_back(r.GetValue());
+  r.Close();
+  return out;
+}
+
+TEST_F(DictTest, CodesNumberTheDictionaryFromOne) {
+  struct Case {
+    const char* what;
+    std::function<bool(uint32_t*)> run;  // true when the decoded rows are as expected
+    uint32_t width;
+  } cases[] = {
+      {"int codes",
+       [&](uint32_t* w) {
+         return DecodeAll<int, int>(PutValues<int>("v", {10, 20, 30}),
+                                    PutValues<int>("c", {1, 3, 2, 3, 1}),
+                                    w) == std::vector<int>{10, 30, 20, 30, 10};
+       },
+       4},
+      {"64-bit values, 32-bit codes",
+       [&](uint32_t* w) {
+         return DecodeAll<int64_t, unsigned int>(PutValues<int64_t>("v", {INT64_MIN, 5}),
+                                                 PutValues<unsigned int>("c", {2, 1}),
+                                                 w) == std::vector<int64_t>{5, INT64_MIN};
+       },
+       4},
+      {"byte codes past 127",
+       [&](uint32_t* w) {
+         std::vector<unsigned char> values(200);
+         for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<unsigned char>(i);
+         return DecodeAll<unsigned char, char>(PutValues("v", values),
+                                               PutValues<char>("c", {1, char(200), char(128)}),
+                                               w) == std::vector<unsigned char>{0, 199, 127};
+       },
+       1},
+      {"dictionary across two spans",
+       [&](uint32_t* w) {
+         std::vector<double> values(10000);  // 80000 bytes
+         for (size_t i = 0; i < values.size(); ++i) values[i] = i * 0.5;
+         return DecodeAll<double, unsigned int>(PutValues("v", values),
+                                                PutValues<unsigned int>("c", {10000, 1, 8193}),
+                                                w) == std::vector<double>{4999.5, 0, 4096};
+       },
+       4},
+      {"empty code file",
+       [&](uint32_t* w) {
+         return DecodeAll<short, short>(PutValues<short>("v", {1}), Put("c", ""), w).empty();
+       },
+       2},
+  };
+  for (const Case& c : cases) {
+    uint32_t width = 0;
+    EXPECT_TRUE(c.run(&width)) << c.what;
+    EXPECT_EQ(width, c.width) << c.what;
+  }
+}
+
+TEST_F(DictTest, OpenOrderAndTheValuesWalk) {
+  std::string values = PutValues<double>("v", {1.5, 2.5});
+  std::string codes = PutValues<unsigned int>("c", {2, 2, 1});
+  std::string missing = dir_ + "/missing";
+  // Missing values file: the code file is never opened; missing code file: false.
+  for (const std::string& v : {missing, values}) {
+    DictBATReader<double, unsigned int> r(
+        v.c_str(), MMF::kNoRequestedSize,
+        new SimpleTypeBATReader<unsigned int>(v == missing ? codes.c_str() : missing.c_str(),
+                                              MMF::kNoRequestedSize));
+    OwnedLog log;
+    EXPECT_FALSE(r.Initialize(&log.log));
+    EXPECT_EQ(log.Text(), "SimpleTypeBATReader<double>::Initialize failed to initialize reader.");
+    EXPECT_FALSE(r.codes()->Read()) << "the code file was opened after a failure";
+  }
+  // DictBATReader walks the values file; so does SimpleTypeDictReader's logging Read.
+  DictBATReader<double, unsigned int> dict(
+      values.c_str(), 16, new SimpleTypeBATReader<unsigned int>(codes.c_str(), 12));
+  OwnedLog log;
+  EXPECT_EQ(ReadAll(dict, &log), (std::vector<double>{1.5, 2.5}));
+  EXPECT_EQ(dict.ElementWidth(), 4u);
+  SimpleTypeDictReader<double, unsigned int> rows(
+      values.c_str(), 16, new SimpleTypeBATReader<unsigned int>(codes.c_str(), 12));
+  ASSERT_TRUE(rows.Initialize(&log.log));
+  EXPECT_TRUE(rows.Read(&log.log));
+  EXPECT_TRUE(rows.Read(&log.log));
+  EXPECT_FALSE(rows.Read(&log.log));  // two values; the code file has three rows
+  EXPECT_EQ(rows.Position(), 8u);
+  EXPECT_TRUE(rows.Read());  // the code file is still on its first row
+  EXPECT_EQ(rows.GetValue(), 2.5);
 }
 
 using TailTest = ReaderTest;

@@ -1,0 +1,173 @@
+// Generated columns at the reader level: BatInternalReader over each kind of column reader.
+#include "readers/bat_internal_reader.h"
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "corvid/gdk.h"
+#include "gtest/gtest.h"
+#include "readers/simple_type_bat_reader.h"
+#include "readers/simple_type_dict_reader.h"
+#include "readers/string_reader.h"
+#include "tests/readers/reader_test_util.h"
+#include "writers/mmf/mmf.h"
+
+namespace qopci {
+namespace {
+
+using GeneratedTest = ReaderTest;
+
+// Pulls values as the copy does, each formatted by fmt, until atEnd. "!text" records an
+// exception.
+std::vector<std::string> Pull(InternalReader& r, std::function<std::string(const void*)> fmt) {
+  std::vector<std::string> out;
+  try {
+    while (!r.atEnd()) {
+      const void* v = r.next();
+      if (v != nullptr) out.push_back(fmt(v));
+    }
+  } catch (const char* text) {
+    out.push_back(std::string("!") + text);
+  }
+  return out;
+}
+
+template <typename T>
+std::function<std::string(const void*)> As() {
+  return [](const void* v) { return std::to_string(*static_cast<const T*>(v)); };
+}
+std::string AsString(const void* v) { return static_cast<const char*>(v); }
+
+TEST_F(GeneratedTest, YieldsEveryKindOfColumnThenNull) {
+  std::string ints = PutValues<int>("ints", {7, -1, INT32_MIN});
+  std::string codes = PutValues<unsigned int>("codes", {2, 1, 2});
+  std::string values = PutValues<int64_t>("values", {100, -200});
+  std::string heap = Put("heap", std::string("red\0\0\0\0\0green\0\0\0blue\0", 21));
+  std::string tail = PutValues<uint32_t>("tail", {0, 1, 2});
+  std::string bad_tail = PutValues<uint32_t>("bad", {0, 1000});
+  std::string empty = Put("empty", "");
+  std::string missing = dir_ + "/missing";
+  struct Case {
+    const char* what;
+    std::function<InternalReader*()> make;
+    std::function<std::string(const void*)> fmt;
+    const char* type;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {"plain ints",
+       [&] {
+         return new BatInternalReader<int, unsigned int>(
+             new SimpleTypeBATReader<int>(ints.c_str(), 12), nullptr, false, 3);
+       },
+       As<int>(),
+       "int",
+       {"7", "-1", std::to_string(INT32_MIN)}},
+      {"dictionary of timestamps",
+       [&] {
+         return new BatInternalReader<int64_t, unsigned int>(
+             nullptr,
+             new SimpleTypeDictReader<int64_t, unsigned int>(
+                 values.c_str(), 16, new SimpleTypeBATReader<unsigned int>(codes.c_str(), 12)),
+             true, 3);
+       },
+       As<int64_t>(),
+       "timestamp",
+       {"-200", "100", "-200"}},
+      {"strings",
+       [&] {
+         return new BatInternalReader<char*, unsigned int>(
+             new StringReader(heap.c_str(), tail.c_str(), 4, 12, MMF::kNoRequestedSize), nullptr,
+             false, 3);
+       },
+       AsString,
+       "str",
+       {"red", "green", "blue"}},
+      {"string dictionary",
+       [&] {
+         return new BatInternalReader<char*, unsigned int>(
+             nullptr,
+             new StringDictReader(
+                 new SimpleTypeBATReader<unsigned int>(codes.c_str(), 12),
+                 new StringReader(heap.c_str(), tail.c_str(), 4, 12, MMF::kNoRequestedSize)),
+             false, 3);
+       },
+       AsString,
+       "str",
+       {"green", "red", "green"}},
+      {"empty file",
+       [&] {
+         return new BatInternalReader<double, unsigned int>(
+             new SimpleTypeBATReader<double>(empty.c_str(), 0), nullptr, false, 0);
+       },
+       As<double>(),
+       "dbl",
+       {}},
+      {"missing file",
+       [&] {
+         return new BatInternalReader<int64_t, unsigned int>(
+             new SimpleTypeBATReader<int64_t>(missing.c_str(), 8), nullptr, false, 1);
+       },
+       As<int64_t>(),
+       "lng",
+       {"!shit on the ground"}},
+      {"missing heap",
+       [&] {
+         return new BatInternalReader<char*, unsigned int>(
+             new StringReader(missing.c_str(), tail.c_str(), 4, 12, MMF::kNoRequestedSize), nullptr,
+             false, 3);
+       },
+       AsString,
+       "str",
+       {"!shit on the ground"}},
+      {"offset past the heap",
+       [&] {
+         return new BatInternalReader<char*, unsigned int>(
+             new StringReader(heap.c_str(), bad_tail.c_str(), 4, 8, MMF::kNoRequestedSize), nullptr,
+             false, 2);
+       },
+       AsString,
+       "str",
+       {"red", "!Generated column ended after 1 of 2 rows"}},
+      {"short of its rows",
+       [&] {
+         return new BatInternalReader<unsigned int, int>(
+             new SimpleTypeBATReader<unsigned int>(codes.c_str(), MMF::kNoRequestedSize), nullptr,
+             false, 5);
+       },
+       As<unsigned int>(),
+       "oid",
+       {"2", "1", "2", "!Generated column ended after 3 of 5 rows"}},
+  };
+  for (const Case& c : cases) {
+    std::unique_ptr<InternalReader> r(c.make());
+    EXPECT_EQ(r->type(), ATOMindex(c.type)) << c.what;
+    EXPECT_EQ(Pull(*r, c.fmt), c.expected) << c.what;
+    EXPECT_TRUE(r->atEnd()) << c.what;
+  }
+}
+
+TEST_F(GeneratedTest, AStringStaysValidUntilTheNextCall) {
+  // Strings on both sides of a granule boundary: the second row moves the heap's span.
+  std::string bytes(140000, '\0');
+  std::memcpy(&bytes[8], "first", 5);
+  std::memcpy(&bytes[131072], "second", 6);
+  std::string heap = Put("heap", bytes);
+  std::string tail = PutValues<uint32_t>("tail", {1, 131072 / 8});
+  BatInternalReader<char*, unsigned int> r(
+      new StringReader(heap.c_str(), tail.c_str(), 4, 8, MMF::kNoRequestedSize), nullptr, false, 2);
+  const char* a = static_cast<const char*>(r.next());
+  ASSERT_NE(a, nullptr);
+  EXPECT_STREQ(a, "first");
+  const char* b = static_cast<const char*>(r.next());
+  ASSERT_NE(b, nullptr);
+  EXPECT_STREQ(b, "second");
+  EXPECT_EQ(r.next(), nullptr);
+  EXPECT_TRUE(r.atEnd());
+}
+
+}  // namespace
+}  // namespace qopci

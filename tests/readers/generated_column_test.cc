@@ -1,0 +1,185 @@
+// Generated columns end to end: a column exported by the library, or written by the
+// kernel, is read back from its files (source kinds 2 to 5) and exported into a new int
+// column, which the kernel then reads.
+#include <gmock/gmock.h>
+
+#include <climits>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/e2e_fixture.h"
+
+namespace qopci_test {
+namespace {
+
+class GeneratedColumnTest : public FarmTest {
+ public:
+  // A file in the test directory holding the given values.
+  template <typename T>
+  std::string File(const std::string& name, const std::vector<T>& values) {
+    std::string path = dir_ + "/" + name;
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(values.data()),
+               static_cast<std::streamsize>(values.size() * sizeof(T)));
+    return path;
+  }
+  // A committed str column written by the kernel; returns its id.
+  bat Strings(const char* name, const std::vector<std::string>& rows) {
+    bat b = Target(name, TYPE_str);
+    for (const std::string& s : rows) EXPECT_EQ(CVDbat_append(b, s.c_str()), nullptr);
+    EXPECT_EQ(TMcommit(), 0);
+    return b;
+  }
+  std::string HeapFile(bat b) {
+    char buf[4096];
+    return CVDbat_filename(b, "theap", buf, sizeof buf);
+  }
+  int Width(bat b) { return BBPgetdesc(b)->twidth; }
+  // An int target "name" whose values come from source `kind`; `attrs` adds 43 to 49.
+  void Generated(const std::string& name, int kind) {
+    Fixed(name, Target(name.c_str(), TYPE_int), 0, true, 3, kind);
+  }
+};
+
+TEST_F(GeneratedColumnTest, EverySourceKindFillsAnIntColumn) {
+  // The library's own export of an int column is the source of kind 2.
+  const std::vector<int> source = {5, -3, INT_MIN, 9, 0};
+  bat a = Target("a", TYPE_int);
+  Fixed("a", a, 0);
+  ASSERT_EQ(Export(Result({{"a", Column<int>(TYPE_int, source)}}, DenseOrder(source.size()))), "");
+  bat text = Strings("text", {"12", "-7", "\x80", "40"});
+  bat dict = Strings("dict", {"100", "200", "300"});
+  const std::string values = File<int>("values", {11, 22, 33});
+  const std::string codes = File<unsigned int>("codes", {3, 1, 1, 2});
+
+  struct Case {
+    const char* name;
+    int kind;
+    std::function<void(const std::string&)> attrs;
+    std::vector<int> expected;
+  } cases[] = {
+      {"plain", 2,
+       [&](const std::string& c) {
+         AttrStr(c, 43, TailFile(a));
+         AttrLng(c, 44, 5);
+         AttrInt(c, 45, 0);
+       },
+       source},
+      {"first_rows",
+       2,
+       [&](const std::string& c) {
+         AttrStr(c, 43, TailFile(a));
+         AttrLng(c, 44, 2);
+         AttrInt(c, 45, 0);
+       },
+       {5, -3}},
+      {"dictionary",
+       3,
+       [&](const std::string& c) {
+         AttrStr(c, 43, codes);
+         AttrLng(c, 44, 4);
+         AttrInt(c, 45, 0);
+         AttrStr(c, 46, values);
+         AttrLng(c, 47, 3);
+       },
+       {33, 11, 11, 22}},
+      {"strings",
+       4,
+       [&](const std::string& c) {
+         AttrStr(c, 43, TailFile(text));
+         AttrLng(c, 44, 4);
+         AttrStr(c, 48, HeapFile(text));
+         AttrInt(c, 49, Width(text));
+       },
+       {12, -7, INT_MIN, 40}},
+      {"string_dictionary",
+       5,
+       [&](const std::string& c) {
+         AttrStr(c, 43, codes);
+         AttrLng(c, 44, 4);
+         AttrStr(c, 46, TailFile(dict));
+         AttrLng(c, 47, 3);
+         AttrStr(c, 48, HeapFile(dict));
+         AttrInt(c, 49, Width(dict));
+       },
+       {300, 100, 100, 200}},
+  };
+  // All generated columns in one export beside one result column.
+  for (const Case& c : cases) {
+    Generated(c.name, c.kind);
+    c.attrs(c.name);
+  }
+  ASSERT_EQ(Export(Result({{"unused", Column<int>(TYPE_int, {1})}}, DenseOrder(1))), "");
+  Reopen();
+  for (const Case& c : cases) EXPECT_EQ(Read<int>(c.name), c.expected) << c.name;
+}
+
+TEST_F(GeneratedColumnTest, BadSourcesAreRefusedWithTheirReason) {
+  const std::string ints = File<int>("ints", {1, 2});
+  struct Case {
+    int kind;
+    std::function<void(const std::string&)> attrs;
+    std::string error;
+  } cases[] = {
+      {2,
+       [&](const std::string& c) {
+         AttrStr(c, 43, ints);
+         AttrLng(c, 44, 2);
+         AttrInt(c, 45, 9);
+       },
+       "Simple Type Writer not supported"},
+      {3,
+       [&](const std::string& c) {
+         AttrStr(c, 43, ints);
+         AttrLng(c, 44, 2);
+         AttrInt(c, 45, -1);
+         AttrStr(c, 46, ints);
+         AttrLng(c, 47, 2);
+       },
+       "Simple Type Writer not supported"},
+      {2,
+       [&](const std::string& c) {
+         AttrStr(c, 43, ints);
+         AttrLng(c, 44, 3);
+         AttrInt(c, 45, 0);
+       },
+       "Source file " + ints + " holds 8 bytes, fewer than its 3 rows need"},
+      {2,
+       [&](const std::string& c) {
+         AttrStr(c, 43, dir_ + "/none");
+         AttrLng(c, 44, 1);
+         AttrInt(c, 45, 0);
+       },
+       "Source file " + dir_ + "/none cannot be read"},
+      {4,
+       [&](const std::string& c) {
+         AttrStr(c, 43, ints);
+         AttrLng(c, 44, 1);
+         AttrStr(c, 48, ints);
+         AttrInt(c, 49, 3);
+       },
+       "String tail width 3 not supported"},
+      {4,
+       [&](const std::string& c) {
+         AttrStr(c, 43, ints);
+         AttrLng(c, 44, 1);
+         AttrInt(c, 49, 4);
+       },
+       "GET_COL_ATTR : Column attribute 48 not found at line 1218"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    std::string name = "bad" + std::to_string(n++);
+    Generated(name, c.kind);
+    c.attrs(name);
+    EXPECT_THAT(Export(Result({{"unused", Column<int>(TYPE_int, {1})}}, DenseOrder(1))),
+                ::testing::HasSubstr(c.error))
+        << name;
+  }
+}
+
+}  // namespace
+}  // namespace qopci_test

@@ -1,0 +1,225 @@
+// String readers over heaps and tails written by the kernel and built by hand, and the
+// string reads of the mapped-file layer beneath them.
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "corvid/farm.h"
+#include "corvid/gdk.h"
+#include "gtest/gtest.h"
+#include "readers/string_reader.h"
+#include "tests/readers/reader_test_util.h"
+#include "writers/mmf/mmf.h"
+#include "writers/mmf/mmf_string_byte_reader.h"
+
+namespace qopci {
+namespace {
+
+using StringsTest = ReaderTest;
+
+// Reads every row with the logging Read; the log text lands in *log.
+std::vector<std::string> ReadRows(StringReader& r, OwnedLog* log) {
+  std::vector<std::string> rows;
+  if (!r.Initialize(&log->log)) return rows;
+  while (r.Read(&log->log)) rows.push_back(r.GetValue());
+  r.Close();
+  return rows;
+}
+
+// A heap of `size` zero bytes with the given strings placed at the given positions.
+std::string Heap(size_t size, const std::vector<std::pair<size_t, std::string>>& strings) {
+  std::string heap(size, '\0');
+  for (const auto& [at, s] : strings) heap.replace(at, s.size() + 1, s + '\0');
+  return heap;
+}
+
+TEST_F(StringsTest, ReadsColumnsTheKernelWrote) {
+  std::vector<std::string> many;  // 6000 strings of about 24 bytes: a heap past 64 KiB
+  for (int i = 0; i < 6000; ++i) many.push_back("value number " + std::to_string(i * 7919));
+  std::vector<std::string> wide;  // a heap past 512 KiB: a tail of width 4
+  for (int i = 0; i < 30000; ++i) wide.push_back("w" + std::to_string(i) + std::string(12, 'x'));
+  struct Case {
+    const char* what;
+    std::vector<std::string> rows;
+    bool whole;
+    uint16_t width;
+  } cases[] = {
+      {"one row", {"only"}, false, 1},
+      {"empty string, nil and duplicates", {"", "a", "\x80", "a", "bcd", ""}, false, 1},
+      {"heap past 64 KiB", many, false, 2},
+      {"heap past 64 KiB, whole file", many, true, 2},
+      {"heap past 512 KiB", wide, false, 4},
+  };
+  std::string farm = dir_ + "/farm";
+  ASSERT_EQ(CVDfarm_open(farm.c_str(), 1), nullptr);
+  int n = 0;
+  for (const Case& c : cases) {
+    std::string name = "s" + std::to_string(n++);
+    bat b = 0;
+    ASSERT_EQ(CVDbat_create(TYPE_str, name.c_str(), 0, &b), nullptr);
+    for (const std::string& s : c.rows) ASSERT_EQ(CVDbat_append(b, s.c_str()), nullptr);
+    ASSERT_EQ(TMcommit(), 0);
+    BAT* d = BBPdescriptor(b);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->twidth, c.width) << c.what;
+    char tail[4096], heap[4096];
+    ASSERT_NE(CVDbat_filename(b, "tail", tail, sizeof tail), nullptr);
+    ASSERT_NE(CVDbat_filename(b, "theap", heap, sizeof heap), nullptr);
+    StringReader r(heap, tail, d->twidth, d->batCount * d->twidth, MMF::kNoRequestedSize);
+    if (c.whole) r.SetWholeFile();
+    EXPECT_EQ(r.ElementWidth(), c.width);
+    OwnedLog log;
+    EXPECT_EQ(ReadRows(r, &log), c.rows) << c.what;
+    EXPECT_EQ(log.Text(), "StringReader::Read() failed, previous _tailRead was zero.") << c.what;
+    // Dictionary lookups of the same files, backwards.
+    StringReader dict(heap, tail, d->twidth, d->batCount * d->twidth, MMF::kNoRequestedSize);
+    ASSERT_TRUE(dict.Open());
+    for (size_t i = c.rows.size(); i > 0; --i) {
+      const char* s = dict.ValueAt(static_cast<uint32_t>(i));
+      ASSERT_NE(s, nullptr) << c.what << " code " << i;
+      EXPECT_EQ(s, c.rows[i - 1]) << c.what << " code " << i;
+    }
+    dict.Close();
+    BBPreleaseref(b);
+  }
+  CVDfarm_close();
+}
+
+TEST_F(StringsTest, TailValuesDesignateHeapPositions) {
+  struct Case {
+    uint32_t width;
+    std::string heap;
+    std::vector<std::string> rows;
+  } cases[] = {
+      // Narrow tails count from the end of the hash area: 0 is 2048, 3 is 2072.
+      {1, Heap(2080, {{2048, "abc"}, {2072, "xyz"}}), {"abc", "xyz"}},
+      {2, Heap(2080, {{2048, "abc"}, {2072, "xyz"}}), {"abc", "xyz"}},
+      {4, Heap(32, {{0, "P"}, {24, "Q"}}), {"P", "Q"}},
+      {8, Heap(32, {{0, "P"}, {24, "Q"}}), {"P", "Q"}},
+  };
+  for (const Case& c : cases) {
+    std::string tail;
+    for (uint64_t e : {0, 3}) tail.append(reinterpret_cast<const char*>(&e), c.width);
+    std::string heap = Put("heap", c.heap);
+    std::string tail_file = Put("tail", tail);
+    StringReader r(heap.c_str(), tail_file.c_str(), c.width, tail.size(), MMF::kNoRequestedSize);
+    OwnedLog log;
+    EXPECT_EQ(ReadRows(r, &log), c.rows) << "width " << c.width;
+  }
+}
+
+TEST_F(StringsTest, EveryFailureHasItsText) {
+  std::string heap = Heap(2080, {{2048, "abc"}, {2072, "xyz"}});
+  std::string unterminated(2060, '\0');
+  unterminated.replace(2048, 12, std::string(12, 'u'));
+  auto tail_of = [](std::vector<uint8_t> v) { return std::string(v.begin(), v.end()); };
+  struct Case {
+    const char* what;
+    std::string heap;  // "-" for a missing file
+    std::string tail;
+    std::vector<std::string> rows;
+    const char* log;
+  } cases[] = {
+      {"empty tail",
+       heap,
+       "",
+       {},
+       "StringReader::Read() failed, _tailRead was zero on _firstRead."},
+      {"one row",
+       heap,
+       tail_of({3}),
+       {"xyz"},
+       "StringReader::Read() failed, previous _tailRead was zero."},
+      {"missing heap", "-", tail_of({0}), {}, "StringReader::failed to init heapReader."},
+      {"missing tail", heap, "-", {}, "StringReader::failed to init tailReader."},
+      {"offset past the heap",
+       heap,
+       tail_of({0, 200}),
+       {"abc"},
+       "StringReader::Read() failed to moveCursor"},
+      {"no zero before the end",
+       unterminated,
+       tail_of({0}),
+       {},
+       "StringReader::Read() failed to moveCursor"},
+  };
+  for (const Case& c : cases) {
+    std::string heap_file = c.heap == "-" ? dir_ + "/none" : Put("heap", c.heap);
+    std::string tail_file = c.tail == "-" ? dir_ + "/none" : Put("tail", c.tail);
+    StringReader r(heap_file.c_str(), tail_file.c_str(), 1, c.tail == "-" ? 1 : c.tail.size(),
+                   MMF::kNoRequestedSize);
+    OwnedLog log;
+    EXPECT_EQ(ReadRows(r, &log), c.rows) << c.what;
+    EXPECT_EQ(log.Text(), c.log) << c.what;
+    StringReader opened(heap_file.c_str(), tail_file.c_str(), 1, 1, MMF::kNoRequestedSize);
+    EXPECT_TRUE(opened.Open()) << c.what;  // Open answers true whatever failed
+  }
+}
+
+TEST_F(StringsTest, StringDictReaderDecodesCodes) {
+  // A dictionary of three strings (width-4 tail 0, 1, 2) and a column of five codes.
+  std::string heap = Put("heap", Heap(24, {{0, "red"}, {8, "green"}, {16, "blue"}}));
+  std::string tail = PutValues<uint32_t>("tail", {0, 1, 2});
+  struct Case {
+    std::vector<uint32_t> codes;
+    std::vector<std::string> rows;
+  } cases[] = {
+      {{1, 3, 2, 2, 1}, {"red", "blue", "green", "green", "red"}},
+      {{3}, {"blue"}},
+      {{}, {}},
+  };
+  for (const Case& c : cases) {
+    std::string codes = PutValues("codes", c.codes);
+    StringDictReader r(new SimpleTypeBATReader<unsigned int>(codes.c_str(), c.codes.size() * 4),
+                       new StringReader(heap.c_str(), tail.c_str(), 4, 12, MMF::kNoRequestedSize));
+    OwnedLog log;
+    ASSERT_TRUE(r.Initialize(&log.log));
+    EXPECT_EQ(r.IsEmpty(), c.codes.empty());
+    EXPECT_EQ(r.ElementWidth(), 4u);
+    std::vector<std::string> rows;
+    while (r.Read(&log.log)) rows.push_back(r.GetValue());
+    EXPECT_EQ(rows, c.rows);
+    EXPECT_EQ(log.Text(), "StringDictReader::Read() returned false.");
+    r.Close();
+  }
+  StringDictReader missing(
+      new SimpleTypeBATReader<unsigned int>((dir_ + "/none").c_str(), 4),
+      new StringReader(heap.c_str(), tail.c_str(), 4, 12, MMF::kNoRequestedSize));
+  OwnedLog log;
+  EXPECT_FALSE(missing.Initialize(&log.log));
+  EXPECT_EQ(log.Text(), "StringDictReader::Initialize() returned false.");
+}
+
+TEST_F(StringsTest, StringReadsStopAtTheFileEnd) {
+  // Strings that cross a granule, one longer than a granule, and one without its zero.
+  std::string file(300000, 'a');
+  file[65530 + 100] = '\0';
+  file[70000 + 200000] = '\0';
+  file[280000 - 1] = '\0';
+  std::string path = Put("heap", file);
+  struct Case {
+    uint64_t start;
+    bool ok;
+    size_t length;
+  } cases[] = {
+      {65530, true, 100}, {70000, true, 200000}, {0, true, 65630},       {270001, true, 9998},
+      {280000, false, 0}, {300000, false, 0},    {1ull << 40, false, 0},
+  };
+  for (bool whole : {false, true}) {
+    MMFStringByteReader r(path);
+    r.SetWholeFile(whole);
+    ASSERT_TRUE(r.Open());
+    for (const Case& c : cases) {
+      EXPECT_EQ(r.ReadString(c.start, c.start, false), c.ok) << c.start;
+      if (c.ok) {
+        EXPECT_EQ(std::strlen(r.Current()), c.length) << c.start;
+      }
+    }
+    r.Close();
+    EXPECT_EQ(SizeOf(path), file.size());
+  }
+}
+
+}  // namespace
+}  // namespace qopci
