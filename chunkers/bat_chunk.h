@@ -8,6 +8,8 @@
 #define QOPCI_CHUNKERS_BAT_CHUNK_H_
 
 #include <cstdint>
+#include <memory>
+#include <utility>
 
 namespace qopci {
 
@@ -71,10 +73,28 @@ class KeyValueChunk : public BATChunk {
 };
 
 // A string tail batch with the heap bytes added since the heap's last flush. GetSize is
-// the number of those heap bytes. Members are not owned.
+// the number of those heap bytes. The chunk handed out by a string chunker owns its four
+// offset members, its heap bytes and its copy of the heap's hash area (nothing a later
+// insert changes); a chunk made by hand with members of its own does not own them.
 class StringChunk : public BATChunk {
  public:
   StringChunk(int32_t capacity, char* heap) : BATChunk(capacity), heap_(heap) {}
+  ~StringChunk() override {
+    if (owns_members_)
+      for (BATChunk* m : offsets_) delete m;
+  }
+
+  // Takes ownership of the four offset members (widths 1, 2, 4, 8), of bytes (count bytes
+  // that become heap_ and the size) and of hash_area (the 2048-byte hash area, or null).
+  void Adopt(BATChunk* const (&offsets)[4], std::unique_ptr<char[]> bytes, uint64_t count,
+             std::unique_ptr<char[]> hash_area) {
+    for (int i = 0; i < 4; i++) offsets_[i] = offsets[i];
+    owns_members_ = true;
+    heap_bytes_ = std::move(bytes);
+    heap_ = heap_bytes_.get();
+    size_ = count;
+    hash_area_ = std::move(hash_area);
+  }
 
   // One chunk although it holds four members; writers append exactly one of them.
   int GetPartCount() const override { return 1; }
@@ -85,10 +105,15 @@ class StringChunk : public BATChunk {
   }
 
   BATChunk* offsets_[4] = {nullptr, nullptr, nullptr, nullptr};  // widths 1, 2, 4, 8
-  char* heap_;                   // first heap byte added since the last flush
-  int32_t width_ = 1;            // tail offset width the writer is to use
-  bool restart_heap_ = true;     // rewrite the heap file from position 0
-  bool heap_rewritten_ = false;  // the heap was rewritten since the last chunk
+  char* heap_;                         // first heap byte added since the last flush
+  int32_t width_ = 1;                  // tail offset width the writer is to use
+  bool restart_heap_ = true;           // rewrite the heap file from position 0
+  bool heap_rewritten_ = false;        // the heap was rewritten since the last chunk
+  std::unique_ptr<char[]> hash_area_;  // the heap's first 2048 bytes as of the hand-out
+
+ private:
+  bool owns_members_ = false;
+  std::unique_ptr<char[]> heap_bytes_;  // owns heap_ when adopted
 };
 
 // The three files of a timestamp column split into levels. Members are not owned.

@@ -3,16 +3,19 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <cstdio>
 
 #include "chunkers/decimal_chunker.h"
 #include "chunkers/double_chunker.h"
 #include "chunkers/simple_type_chunker.h"
+#include "chunkers/string_chunker.h"
 #include "readers/bat_internal_reader.h"
 #include "readers/internal_reader.h"
 #include "readers/simple_type_bat_reader.h"
 #include "readers/simple_type_dict_reader.h"
 #include "readers/string_reader.h"
 #include "writers/simple_type_bat_writer.h"
+#include "writers/string_writer.h"
 
 namespace qopci {
 
@@ -70,6 +73,22 @@ ChunkerBase* MakeDecimalChunker(CIManager& m, CIManager::ColumnEntry& e) {
   return new DecimalChunker(chunk_size, precision);
 }
 
+// Strings: the chunker places new strings behind the heap's bytes in use and, while the
+// heap is small, loads it to point a string the column holds at its earlier copy.
+ChunkerBase* MakeStringChunker(CIManager& m, CIManager::ColumnEntry& e) {
+  int chunk_size, heap_parameter;
+  const char* heap_file;
+  int64_t heap_size;
+  if (!m.GetAttrInt(e.second, 2, 731, &chunk_size) ||
+      !m.GetAttrInt(e.second, 11, 732, &heap_parameter) ||
+      !m.GetAttrStr(e.second, 12, 733, &heap_file) ||
+      !m.GetAttrLng(e.second, 41, 734, &heap_size))
+    return nullptr;
+  CheckChunkSize(chunk_size);
+  return new StringChunker(chunk_size, heap_parameter, heap_file,
+                           static_cast<uint64_t>(heap_size));
+}
+
 // ---- Writers -------------------------------------------------------------------------
 
 // The fixed-width writer of a simple type code, or the "Simple Type Writer not supported"
@@ -125,6 +144,35 @@ BATWriter* MakeDecimalWriter(CIManager& m, CIManager::ColumnEntry& e) {
   if (scale > 18) throw "Precision over 18 not supported.";
   const int code = precision <= 2 ? 2 : precision <= 4 ? 4 : precision <= 9 ? 0 : 6;
   return NewSimpleTypeWriter(code, file, keep != 0, static_cast<uint64_t>(existing));
+}
+
+// The string writer takes its tail width from the heap file it appends to. A tail that
+// holds rows was written at the width its BAT records; appending at another would leave
+// old and new offsets at different widths in one tail, so the two must agree.
+BATWriter* MakeStringWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  const char *tail, *heap;
+  int width, keep;
+  int64_t existing, heap_size;
+  if (!m.GetAttrStr(e.second, 5, 1030, &tail) || !m.GetAttrStr(e.second, 22, 1031, &heap) ||
+      !m.GetAttrInt(e.second, 23, 1032, &width) || !m.GetAttrInt(e.second, 6, 1033, &keep) ||
+      !m.GetAttrLng(e.second, 38, 1034, &existing) ||
+      !m.GetAttrLng(e.second, 42, 1035, &heap_size))
+    return nullptr;
+  StringWriter* w = new StringWriter(heap, tail, keep != 0, static_cast<uint64_t>(existing),
+                                     static_cast<uint64_t>(heap_size));
+  if (keep != 0 && existing > 0 && static_cast<uint32_t>(width) != w->GetValueWidth()) {
+    static char text[4096 + 128];
+    struct stat st;
+    const unsigned long long bytes = ::stat(heap, &st) == 0
+                                         ? static_cast<unsigned long long>(st.st_size)
+                                         : static_cast<unsigned long long>(heap_size);
+    std::snprintf(text, sizeof text,
+                  "String tail width %d of %s differs from width %d of its %llu-byte heap", width,
+                  tail, static_cast<int>(w->GetValueWidth()), bytes);
+    delete w;
+    throw static_cast<const char*>(text);
+  }
+  return w;
 }
 
 // ---- Readers -------------------------------------------------------------------------
@@ -300,9 +348,11 @@ Maker FindMaker(CIManager& m, Maker (&table)[N], int kind, const char* place,
 
 void FillFactoryTables() {
   g_chunkers[0] = MakeSimpleTypeChunker;
+  g_chunkers[2] = MakeStringChunker;
   g_chunkers[4] = MakeDecimalChunker;
   g_writers[0] = MakeSimpleTypeWriter;
   g_writers[3] = MakeLngWriter;
+  g_writers[5] = MakeStringWriter;
   g_writers[7] = MakeDecimalWriter;
   g_readers[0] = MakeResultReader;
   g_readers[1] = MakeRowIdReader;

@@ -28,6 +28,10 @@ constexpr int64_t kMaxChunkSize = 16777216;
 // must stay a valid file offset for the widest (8-byte) values.
 constexpr int64_t kMaxExistingCount = INT64_MAX / 8;
 
+// The largest string heap: a tail offset is a 32-bit byte position, so no string record may
+// end past 4 GiB.
+constexpr int64_t kMaxHeapSize = 4294967295;
+
 // The values an attribute may take.
 struct AttributeRange {
   enum Kind { kAny, kSpan, kCodes };

@@ -91,10 +91,18 @@ void FillRandom(const ManifestColumn& mc, uint64_t seed, ResultColumn* c) {
       }
       case Encoding::kRowid:
       case Encoding::kSerial:
+      case Encoding::kString:
         continue;
     }
     std::memcpy(at, &v64, sizeof v64);
   }
+}
+
+// SQL's lpad: `text` left-padded with `fill` to `width` characters, or cut to its first
+// `width` characters when longer.
+std::string LeftPad(const std::string& text, size_t width, char fill) {
+  return text.size() >= width ? text.substr(0, width)
+                              : std::string(width - text.size(), fill) + text;
 }
 
 // Write `sizes[i]` bytes into a fresh file per column with write() of 4 MiB blocks, then
@@ -153,11 +161,15 @@ uint64_t PeakRss() {
   return static_cast<uint64_t>(ru.ru_maxrss) * 1024;  // ru_maxrss is in KiB on Linux
 }
 
-// Bytes of the synthetic result: rows times the widths of its columns.
+// Bytes of the synthetic result: rows times the widths of its fixed-width columns, plus the
+// text of its strings.
 uint64_t ResultBytes(const ResultData& data) {
-  uint64_t width = 0;
-  for (const ResultColumn& c : data.columns) width += static_cast<uint64_t>(c.width);
-  return width * data.rows;
+  uint64_t width = 0, text = 0;
+  for (const ResultColumn& c : data.columns) {
+    width += static_cast<uint64_t>(c.width);
+    text += c.texts.size();
+  }
+  return width * data.rows + text;
 }
 
 // Every timed phase, the export and each baseline alike, starts from the same state:
@@ -241,8 +253,13 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
       struct stat st;
       if (CVDbat_filename(t.id, "tail", path, sizeof path) == nullptr || ::stat(path, &st) != 0)
         return Status::Error("export: cannot find the tail file of " + name);
-      sizes.push_back(static_cast<uint64_t>(st.st_size));
-      run->bytes += static_cast<uint64_t>(st.st_size);
+      uint64_t size = static_cast<uint64_t>(st.st_size);
+      // A string column's heap is written as well: it counts with the tail.
+      if (b->ttype == TYPE_str && CVDbat_filename(t.id, "theap", path, sizeof path) != nullptr &&
+          ::stat(path, &st) == 0)
+        size += static_cast<uint64_t>(st.st_size);
+      sizes.push_back(size);
+      run->bytes += size;
     }
   }
   Settle(warm);
@@ -317,6 +334,19 @@ Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_siz
     }
     // The manifest parser knows the types and their rules; parse each as a one-column one.
     const std::string name = "c" + std::to_string(k + 1);
+    const BenchStrings strings = type == "sym"    ? BenchStrings::kSym
+                                 : type == "name" ? BenchStrings::kName
+                                                  : BenchStrings::kNone;
+    if (strings != BenchStrings::kNone) {
+      if (asked) return Status::Error(where + "generated strings cannot be random");
+      ManifestColumn column;
+      column.name = name;
+      column.encoding = Encoding::kString;
+      out->manifest.columns.push_back(column);
+      out->random.push_back(false);
+      out->strings.push_back(strings);
+      continue;
+    }
     nlohmann::json j = {{"table", "bench"}, {"columns", {{{"name", name}, {"type", type}}}}};
     Manifest one;
     Status s = ParseManifest(j.dump(), &one);
@@ -334,18 +364,47 @@ Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_siz
           where +
           (e == Encoding::kRowid ? "row ids are made by the export" : "serials are numbered") +
           " and cannot be random");
+    // Strings are generated text ("s" and i mod 1000, or sym and name): never random.
+    if (asked && e == Encoding::kString)
+      return Status::Error(where +
+                           "strings cannot be random; sym and name are string columns "
+                           "of many distinct values");
     out->manifest.columns.push_back(one.columns[0]);
-    out->random.push_back(!numbered && (asked || all_random));
+    out->random.push_back(!numbered && e != Encoding::kString && (asked || all_random));
+    out->strings.push_back(BenchStrings::kNone);
   }
   return Status::OK();
+}
+
+bool BenchString(BenchStrings kind, uint64_t i, uint64_t rows, std::string* out) {
+  // 64-bit signed arithmetic as in SQL: i * 2654435761 fits for every row count a result
+  // may have (below 2^31).
+  const int64_t n = static_cast<int64_t>(i);
+  if (kind == BenchStrings::kSym) {
+    *out = "S" + LeftPad(std::to_string(n * 7919 % 1000), 1 + static_cast<size_t>(n % 7), '0');
+    return true;
+  }
+  const int64_t distinct = static_cast<int64_t>(rows / 4);
+  if (distinct == 0) return false;  // a remainder by zero is NULL in SQL
+  *out = "customer-" + LeftPad(std::to_string(n * 2654435761 % distinct), 7, '0');
+  return true;
 }
 
 Status GenerateBenchRows(const BenchColumns& columns, uint64_t rows, ResultData* out) {
   Status s = GenerateRows(columns.manifest, rows, out);
   if (!s.ok()) return s;
-  for (ResultColumn& c : out->columns)
+  std::string text;
+  for (ResultColumn& c : out->columns) {
     if (columns.random[c.manifest_index])
       FillRandom(columns.manifest.columns[c.manifest_index], kRandomSeed + c.manifest_index, &c);
+    const BenchStrings kind = columns.strings[c.manifest_index];
+    if (kind == BenchStrings::kNone) continue;
+    c.texts.clear();
+    for (uint64_t r = 0; r < rows; ++r) {
+      c.texts += BenchString(kind, r, rows, &text) ? text : kNilString;
+      c.texts += '\0';
+    }
+  }
   return Status::OK();
 }
 

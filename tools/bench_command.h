@@ -40,11 +40,24 @@ struct BenchOptions {
   std::string perf_ctl;  // a perf control FIFO: "enable" before each export, "disable" after
 };
 
+// Generated string columns, named by what they hold rather than by a type:
+//   sym   "S" then (i * 7919) mod 1000 left-padded with zeros to 1 + i mod 7 characters,
+//         or cut to that many when longer: 5110 distinct 2 to 8 byte strings in 10,000 rows
+//   name  "customer-" then (i * 2654435761) mod (rows / 4) left-padded with zeros to 7
+//         characters (or cut to 7): rows / 4 distinct 16-byte strings; nil below 4 rows
+// (i counts rows from 0), the values a peer database's benchmark computes in SQL.
+enum class BenchStrings { kNone, kSym, kName };
+
+// The text of row i of a generated string column of `rows` rows; false for nil.
+bool BenchString(BenchStrings kind, uint64_t i, uint64_t rows, std::string* out);
+
 // The synthetic result's columns: a manifest (table "bench", columns "c1", "c2", ...) and
-// for each column whether its values are pseudo-random rather than sequential.
+// for each column whether its values are pseudo-random rather than sequential, or which
+// generated strings it holds.
 struct BenchColumns {
   Manifest manifest;
-  std::vector<bool> random;  // parallel to manifest.columns
+  std::vector<bool> random;           // parallel to manifest.columns
+  std::vector<BenchStrings> strings;  // parallel to manifest.columns
 };
 
 // Add the "bench" subcommand and its options to `app`, filling *options when parsed.
@@ -56,7 +69,8 @@ CLI::App* AddBenchCommand(CLI::App* app, BenchOptions* options);
 Status CheckBenchOptions(const BenchOptions& options);
 
 // Parse a comma list of manifest types, each optionally followed by ":random"
-// ("int,decimal(9,2):random,timestamp"); commas inside parentheses belong to the type.
+// ("int,decimal(9,2):random,timestamp"), or the generated string columns "sym" and "name";
+// commas inside parentheses belong to the type.
 // With all_random every column but row ids is random. Queued unless sync.
 Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_size, bool sync,
                          BenchColumns* out);
@@ -71,7 +85,7 @@ struct BenchRun {
   double seconds = 0;                 // the export call, commit included
   double commit_seconds = 0;          // the kernel's commit within it
   double flush_seconds = 0;           // fsync within the commit
-  uint64_t bytes = 0;                 // sum of the tail files' sizes after the export
+  uint64_t bytes = 0;                 // sum of the tail (and heap) files' sizes after the export
   double baseline_seconds = 0;        // write() of the same bytes, no fsync
   double baseline_fsync_seconds = 0;  // write() of the same bytes, then fsync
 };

@@ -20,12 +20,27 @@ enum : int {
   kKeepExisting = 6,
   kWriterPrecision = 9,
   kWriterScale = 10,
+  kHeapParameter = 11,
+  kChunkerHeapFile = 12,
+  kWriterHeapFile = 22,
+  kTailWidth = 23,
   kSourceKind = 33,
   kQueued = 34,
   kCompressed = 36,
   kExistingCount = 38,
+  kChunkerHeapSize = 41,
+  kWriterHeapSize = 42,
+  kSourceFile = 43,
+  kSourceCount = 44,
+  kSourceType = 45,
+  kSourceHeapFile = 48,
+  kSourceWidth = 49,
   kTimestampConversion = 50,
 };
+
+// Bytes a string column expects per string: the chunker's heap buffer starts at chunk size
+// times this (plus the hash area) and grows as needed.
+constexpr int kHeapParameter20 = 20;
 
 // Simple type codes of the fixed-width chunkers and writers.
 enum : int {
@@ -102,6 +117,12 @@ Status ResolveModes(Manifest* manifest, bool replace_all) {
                              ": a file written anew keeps no rows; leave attribute 38 out");
       c.mode = Mode::kReplace;
     }
+    const Attribute* kind = Override(c, kSourceKind);
+    if (!c.from.empty() && kind != nullptr)
+      return Status::Error(where + "attribute 33 = " + std::to_string(kind->value) +
+                           ": a \"from\" column is read back as its source is stored (source "
+                           "kind 2 for fixed-width values, 4 for strings); dictionary sources "
+                           "(kinds 3 and 5) are not made by this tool; leave attribute 33 out");
     if (replace_all) c.mode = Mode::kReplace;
     if (c.mode != Mode::kReplace) continue;
     const std::string why = replace_all ? "--replace" : c.mode_given ? "mode \"replace\"" : "";
@@ -133,6 +154,25 @@ Status CheckTargetOverrides(const std::string& target_name, const ManifestColumn
     return Status::Error(where + "attribute 5 names " + file->text +
                          ", not the column's tail file " + target.tail_file +
                          "; leave attribute 5 out");
+  if (column.encoding != Encoding::kString) return Status::OK();
+  // The heap the export extends must be the target's, described as the farm holds it: a
+  // heap file, size or width of its own would make the tail point at other strings.
+  for (int n : {kChunkerHeapFile, kWriterHeapFile}) {
+    const Attribute* a = Override(column, n);
+    if (a != nullptr && a->text != target.heap_file)
+      return Status::Error(where + "attribute " + std::to_string(n) + " names " + a->text +
+                           ", not the column's heap file " + target.heap_file +
+                           "; leave attribute " + std::to_string(n) + " out");
+  }
+  for (int n : {kChunkerHeapSize, kWriterHeapSize, kTailWidth}) {
+    const Attribute* a = Override(column, n);
+    const int64_t want = n == kTailWidth ? target.tail_width : target.heap_size;
+    if (a != nullptr && a->value != want)
+      return Status::Error(where + "attribute " + std::to_string(n) + " = " +
+                           std::to_string(a->value) + " contradicts the column's " +
+                           (n == kTailWidth ? "tail width " : "heap size ") + std::to_string(want) +
+                           "; leave attribute " + std::to_string(n) + " out");
+  }
   return Status::OK();
 }
 
@@ -181,8 +221,37 @@ std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const Manifest
       writer = 3;  // 64-bit writer; it takes no type code
       own = {Attribute::Int(kChunkerType, kCodeInt64)};
       break;
+    case Encoding::kString:
+      // The heap is extended where it ends; while it is small its strings are loaded so
+      // that a string the column already holds is pointed at, not added again.
+      chunker = 2;
+      writer = 5;
+      own = {Attribute::Int(kHeapParameter, kHeapParameter20),
+             Attribute::Str(kChunkerHeapFile, target.heap_file),
+             Attribute::Lng(kChunkerHeapSize, target.heap_size),
+             Attribute::Str(kWriterHeapFile, target.heap_file),
+             Attribute::Int(kTailWidth, target.tail_width),
+             Attribute::Lng(kWriterHeapSize, target.heap_size)};
+      break;
   }
   if (code >= 0) own = {Attribute::Int(kChunkerType, code), Attribute::Int(kWriterType, code)};
+  if (!column.from.empty()) {
+    // A generated column reads its source's files back: fixed-width values by their type
+    // code, strings through the source's heap.
+    const SourceInfo& from = target.source;
+    source = from.kind;
+    own.push_back(Attribute::Str(kSourceFile, from.tail_file));
+    own.push_back(Attribute::Lng(kSourceCount, from.count));
+    if (from.kind == 2) {
+      int value_code = code;
+      for (const Attribute& a : own)
+        if (a.number == kChunkerType) value_code = static_cast<int>(a.value);
+      own.push_back(Attribute::Int(kSourceType, value_code));
+    } else {
+      own.push_back(Attribute::Str(kSourceHeapFile, from.heap_file));
+      own.push_back(Attribute::Int(kSourceWidth, from.width));
+    }
+  }
 
   std::vector<Attribute> attrs = {
       Attribute::Int(kChunkerKind, chunker),

@@ -28,16 +28,30 @@ Status CheckAttributes(Manifest* manifest);
 // and the attribute. Needs no farm.
 Status ResolveModes(Manifest* manifest, bool replace_all);
 
+// The existing column a generated ("from") column copies, as the export reads it back.
+struct SourceInfo {
+  int kind = 0;           // source kind: 2 fixed-width values, 4 strings
+  std::string tail_file;  // the source's tail
+  int64_t count = 0;      // its rows
+  std::string heap_file;  // strings: its heap
+  int width = 0;          // strings: its tail's offset width
+};
+
 // What the export needs to know of a column's target BAT.
 struct TargetInfo {
   std::string tail_file;       // full path of the tail file the export writes
   int64_t existing_count = 0;  // rows kept: the export appends behind them (0 when replacing)
   bool replace = false;        // the file is written anew (attribute 6 = 0)
   bool new_file = false;       // the target is made by this run, or replaced: its file is new
+  std::string heap_file = {};  // strings: full path of the heap file the export writes
+  int64_t heap_size = 0;       // strings: heap bytes kept (0 for a new or empty column)
+  int tail_width = 1;          // strings: the offset width of the kept tail
+  SourceInfo source = {};      // "from" columns only
 };
 
 // Refuse raw attributes 5 and 38 that differ from what the tool registers for `target`
-// (its tail file; its existing count, or 0 when replacing).
+// (its tail file; its existing count, or 0 when replacing), and for a string column raw
+// attributes 12, 22, 23, 41 and 42 that differ from its heap file, tail width and heap size.
 // REQUIRES: ResolveModes() has run; tail_file may be empty when new_file is set.
 Status CheckTargetOverrides(const std::string& target_name, const ManifestColumn& column,
                             const TargetInfo& target);

@@ -90,6 +90,14 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
   std::vector<TargetColumn> targets;
   s = PrepareTargets(manifest, &targets);
   if (!s.ok()) return s;
+  for (const TargetColumn& t : targets) {
+    const ManifestColumn& mc = manifest.columns[t.manifest_index];
+    // A table's columns hold the same rows: a copy of another column is as long as the result.
+    if (!mc.from.empty() && static_cast<uint64_t>(t.info.source.count) != data->rows)
+      return Status::Error("column " + TargetName(manifest, mc) + " copies the " +
+                           std::to_string(t.info.source.count) + " rows of " + mc.from +
+                           ", but the result has " + std::to_string(data->rows) + " rows");
+  }
   for (const TargetColumn& t : targets)
     for (ResultColumn& c : data->columns)
       if (c.manifest_index == t.manifest_index &&

@@ -58,7 +58,8 @@ Status CsvReader::Fail(uint64_t line, const std::string& what) const {
   return Status::Error("line " + std::to_string(line) + ": " + what);
 }
 
-Status CsvReader::Next(std::vector<std::string>* fields, bool* done) {
+Status CsvReader::Next(std::vector<std::string>* fields, bool* done,
+                       std::vector<bool>* quoted_out) {
   *done = false;
   auto ensure = [this](size_t n) {
     while (buffer_.size() - pos_ < n && Fill()) {
@@ -94,6 +95,7 @@ Status CsvReader::Next(std::vector<std::string>* fields, bool* done) {
 
   record_line_ = line_;
   fields->clear();
+  if (quoted_out != nullptr) quoted_out->clear();
   std::string field, rest;
   for (;;) {
     field.clear();
@@ -137,6 +139,7 @@ Status CsvReader::Next(std::vector<std::string>* fields, bool* done) {
       return Fail(line_,
                   "text after the closing quote of field " + std::to_string(fields->size() + 1));
     fields->push_back(field);
+    if (quoted_out != nullptr) quoted_out->push_back(quoted);
     if (AtEnd()) return in_->bad() ? Fail(line_, "read error") : Status::OK();
     if (Take() == '\n') {
       ++line_;

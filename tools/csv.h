@@ -41,8 +41,10 @@ class CsvReader {
   CsvReader& operator=(const CsvReader&) = delete;
 
   // Read the next record into *fields. Sets *done (and leaves *fields alone) at the end of
-  // the input. A malformed record or a read error fails with "line N: ...".
-  Status Next(std::vector<std::string>* fields, bool* done);
+  // the input. A malformed record or a read error fails with "line N: ...". When `quoted`
+  // is given it receives, per field, whether the field was enclosed in quotes (a string
+  // column tells the empty string "" from the empty field, its nil).
+  Status Next(std::vector<std::string>* fields, bool* done, std::vector<bool>* quoted = nullptr);
 
   uint64_t line() const { return record_line_; }       // line the last record started on
   uint64_t bytes_read() const { return bytes_read_; }  // for progress reports

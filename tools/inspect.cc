@@ -5,6 +5,7 @@
 #include "corvid/farm.h"
 #include "tools/closest.h"
 #include "tools/kernel_io.h"
+#include "tools/row_view.h"
 
 namespace qopci {
 
@@ -59,6 +60,7 @@ Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit) {
     bool nil = false;
     for (BUN j = 0; j < n && s.ok(); ++j) {
       s = format.Format(j, &text, &nil);
+      if (s.ok() && format.string() && !nil) text = JsonText(text);
       if (s.ok()) out << (j == 0 ? " " : ", ") << text;
     }
     if (s.ok() && n < b->batCount) out << (n == 0 ? " ..." : ", ...");

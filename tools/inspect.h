@@ -4,7 +4,8 @@
 // Types are SQL words: the column's recorded SQL type when it has one ("decimal(9,2)"), else
 // the word for its kernel type ("bigint" for lng). Values are printed as they were given
 // to the copy: a decimal with its scale ("201.49"), a timestamp with milliseconds only when
-// they are not zero, a double in the shortest text that reads back the same. It only
+// they are not zero, a double in the shortest text that reads back the same, a string in
+// double quotes with JSON's escapes (the catalog's value lists are comma-separated). It only
 // reads: a farm opened read-only will do. row_view.h prints the same values as rows.
 //
 // Threading: as the kernel's buffer pool: call from the one thread that uses the farm.
@@ -53,6 +54,7 @@ class ValueFormatter {
 
   bool decimal() const { return scale_ >= 0; }
   bool timestamp() const;
+  bool string() const { return b_->ttype == TYPE_str; }
 
  private:
   BAT* b_;

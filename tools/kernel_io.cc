@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "corvid/farm.h"
+#include "tools/closest.h"
 #include "tools/error_text.h"
 
 namespace qopci {
@@ -92,6 +93,8 @@ int TargetAtomType(const ManifestColumn& column) {
       return ATOMindex("timestamp");
     case Encoding::kRowid:
       return TYPE_oid;
+    case Encoding::kString:
+      return TYPE_str;
   }
   return -1;
 }
@@ -137,26 +140,75 @@ std::string TargetName(const Manifest& manifest, const ManifestColumn& column) {
 
 namespace {
 
+// Whether the farm holds column `id` as the manifest column's type: its recorded SQL type,
+// or its atom type when it records none.
+bool SameType(const ManifestColumn& column, bat id) {
+  const BAT* b = BBPgetdesc(id);
+  const char* recorded = CVDbat_sqltype(id);
+  return recorded != nullptr && *recorded != '\0' ? EncodingName(column) == recorded
+                                                  : b->ttype == TargetAtomType(column);
+}
+
 // Appending keeps the rows' meaning only when the farm holds them as the manifest's type.
 Status CheckAppendType(const std::string& name, const ManifestColumn& column, bat id) {
   const BAT* b = BBPgetdesc(id);
   if (b == nullptr) return Status::Error("column " + name + " is listed but has no BAT");
-  const char* recorded = CVDbat_sqltype(id);
   const std::string wanted = EncodingName(column);
-  if (recorded != nullptr && *recorded != '\0' ? wanted == recorded
-                                               : b->ttype == TargetAtomType(column))
-    return Status::OK();
+  if (SameType(column, id)) return Status::OK();
   const std::string held = SqlTypeOf(id);
   return Status::Error("column " + name + " is " + held + " in the farm, the manifest asks for " +
                        wanted + "; use --replace to change it");
 }
 
-Status TailFile(bat id, std::string* out) {
+Status ColumnFile(bat id, const char* ext, std::string* out) {
   char path[4096];
-  if (CVDbat_filename(id, "tail", path, sizeof path) == nullptr)
-    return Status::Error("no tail file name for BAT " + std::to_string(id));
+  if (CVDbat_filename(id, ext, path, sizeof path) == nullptr)
+    return Status::Error("no " + std::string(ext) + " file name for BAT " + std::to_string(id));
   *out = path;
   return Status::OK();
+}
+
+Status TailFile(bat id, std::string* out) { return ColumnFile(id, "tail", out); }
+
+// The heap a string target keeps: its file, the bytes in use and the tail's offset width.
+// An empty column keeps nothing: its heap is written anew.
+Status KeptHeap(bat id, TargetInfo* info) {
+  const BAT* b = BBPgetdesc(id);
+  Status s = ColumnFile(id, "theap", &info->heap_file);
+  info->heap_size = 0;
+  info->tail_width = b->twidth;
+  if (info->existing_count > 0 && b->tvheap != nullptr)
+    info->heap_size = static_cast<int64_t>(b->tvheap->free);
+  return s;
+}
+
+// The existing column a "from" column copies: found in the farm, of the column's type, and
+// not written by this export.
+Status FindSource(const Manifest& manifest, const ManifestColumn& column, SourceInfo* out) {
+  const std::string name = TargetName(manifest, column);
+  const bat id = CVDbat_lookup(column.from.c_str());
+  if (id == 0) {
+    std::vector<std::string> names;
+    for (bat i = 1; i < BBPsize(); ++i)
+      if (const char* n = CVDbat_name(i)) names.push_back(n);
+    return Status::Error("column " + name + ": no column \"" + column.from +
+                         "\" in the farm to copy" + DidYouMean(column.from, names));
+  }
+  for (const ManifestColumn& c : manifest.columns)
+    if (TargetName(manifest, c) == column.from)
+      return Status::Error("column " + name + ": its source " + column.from +
+                           " is written by this copy; copy from a column the copy leaves as "
+                           "it is");
+  if (!SameType(column, id))
+    return Status::Error("column " + name + " is " + EncodingName(column) + ", but its source " +
+                         column.from + " is " + SqlTypeOf(id) + " in the farm");
+  const BAT* b = BBPgetdesc(id);
+  out->kind = column.encoding == Encoding::kString ? 4 : 2;
+  out->count = static_cast<int64_t>(b->batCount);
+  out->width = b->twidth;
+  Status s = TailFile(id, &out->tail_file);
+  if (s.ok() && out->kind == 4) s = ColumnFile(id, "theap", &out->heap_file);
+  return s;
 }
 
 }  // namespace
@@ -170,6 +222,10 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
       return Status::Error("the kernel has no atom type for " + EncodingName(c));
     TargetColumn t;
     t.manifest_index = i;
+    if (!c.from.empty()) {
+      Status s = FindSource(manifest, c, &t.info.source);
+      if (!s.ok()) return s;
+    }
     bat existing = CVDbat_lookup(name.c_str());
     t.info.replace = c.mode == Mode::kReplace;
     t.info.new_file = existing == 0 || t.info.replace;
@@ -180,6 +236,8 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
       if (!s.ok()) return s;
       t.id = existing;
       t.info.existing_count = static_cast<int64_t>(BBPgetdesc(existing)->batCount);
+      if (c.encoding == Encoding::kString) s = KeptHeap(existing, &t.info);
+      if (!s.ok()) return s;
     } else {
       t.replaced = existing;
     }
@@ -198,6 +256,7 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
     t.created = t.replaced == 0;
     s = FromKernel(CVDbat_set_sqltype(t.id, EncodingName(c).c_str()));
     if (s.ok()) s = TailFile(t.id, &t.info.tail_file);
+    if (s.ok() && c.encoding == Encoding::kString) s = KeptHeap(t.id, &t.info);
     if (!s.ok()) return Status::Error("column " + name + ": " + s.message());
   }
   return Status::OK();
@@ -219,7 +278,13 @@ Status BuildResultTable(mvc* m, const Manifest& manifest, const ResultData& data
     Status s = FromKernel(CVDbat_create(ResultAtomType(mc), nullptr, data.rows, &b));
     if (!s.ok()) return fail(Status::Error("result column " + mc.name + ": " + s.message()));
     bats.push_back(b);
-    if (data.rows > 0) s = FromKernel(CVDbat_append_n(b, c.values.data(), data.rows));
+    if (mc.encoding == Encoding::kString) {
+      for (const char* p = c.texts.data(); s.ok() && p < c.texts.data() + c.texts.size();
+           p += std::strlen(p) + 1)
+        s = FromKernel(CVDbat_append(b, p));
+    } else if (data.rows > 0) {
+      s = FromKernel(CVDbat_append_n(b, c.values.data(), data.rows));
+    }
     if (!s.ok()) return fail(Status::Error("result column " + mc.name + ": " + s.message()));
   }
   bat order = 0;

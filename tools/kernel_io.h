@@ -68,8 +68,10 @@ struct TargetColumn {
 // existing target is appended to when its type (the recorded SQL type, or the atom type
 // when none is recorded) is the manifest's, and is otherwise refused; a replaced one gets a
 // replacement BAT of the manifest's type that takes its place at the commit. Every BAT made
-// here records the manifest's type as its SQL type. All checks (types, raw attributes 5 and
-// 38) run for every column before anything is made.
+// here records the manifest's type as its SQL type. A "from" column's source must be a
+// column of the farm, of the column's type, that this export does not write; its files
+// are described in info.source. All checks (types, sources, raw attributes 5 and 38, and a
+// string column's heap attributes) run for every column before anything is made.
 // REQUIRES: a farm is open for writing; ResolveModes() has run on `manifest`.
 Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out);
 

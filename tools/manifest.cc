@@ -75,6 +75,7 @@ const struct {
     {"timestamp", Encoding::kTimestamp},
     {"rowid", Encoding::kRowid},
     {"serial", Encoding::kSerial},
+    {"string", Encoding::kString},
     {"int1", Encoding::kTinyint},
     {"int2", Encoding::kSmallint},
     {"integer", Encoding::kInt},
@@ -84,6 +85,8 @@ const struct {
     {"float", Encoding::kDouble},
     {"float8", Encoding::kDouble},
     {"datetime", Encoding::kTimestamp},
+    {"text", Encoding::kString},
+    {"varchar", Encoding::kString},
 };
 const char* const kDecimalNames[] = {"decimal", "numeric", "dec"};
 
@@ -138,12 +141,12 @@ Status ParseType(const std::string& raw, ManifestColumn* column) {
   return Status::Error(ColumnPrefix(column->name) + "unknown type \"" + raw + "\"" +
                        DidYouMean(type.substr(0, open), names) +
                        " (known: tinyint, smallint, int, bigint, double, decimal(p,s), "
-                       "timestamp, rowid, serial, and their SQL aliases)");
+                       "timestamp, rowid, serial, string, and their SQL aliases)");
 }
 
 // Keys a manifest may hold, at the top and in a column; any other is kept out with a warning.
 const std::vector<std::string> kTopKeys = {"table", "chunk_size", "queued", "columns", "ignore"};
-const std::vector<std::string> kColumnKeys = {"name", "type", "mode", "attributes"};
+const std::vector<std::string> kColumnKeys = {"name", "type", "mode", "attributes", "from"};
 
 void WarnUnknownKeys(const json& object, const std::vector<std::string>& known,
                      const std::string& where, std::vector<std::string>* warnings) {
@@ -204,6 +207,18 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column,
                            (mode.is_string() ? "\"" + text + "\"" : text) +
                            " (known: append, replace)");
     }
+  }
+  if (j.contains("from")) {
+    const json& from = j["from"];
+    const std::string text = from.is_string() ? from.get<std::string>() : "";
+    const size_t dot = text.find('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == text.size())
+      return Status::Error(ColumnPrefix(column->name) +
+                           "\"from\" must name a column of the farm as \"table.column\"");
+    if (column->encoding == Encoding::kRowid || column->encoding == Encoding::kSerial)
+      return Status::Error(ColumnPrefix(column->name) + EncodingName(*column) +
+                           " columns are numbered and cannot copy another column");
+    column->from = text;
   }
   if (j.contains("attributes")) return ParseOverrides(j["attributes"], column);
   return Status::OK();
@@ -314,6 +329,8 @@ const char* SqlTypeName(Encoding encoding) {
       return "oid";
     case Encoding::kSerial:
       return "bigint";
+    case Encoding::kString:
+      return "varchar";
   }
   return "?";
 }
@@ -323,6 +340,7 @@ std::string EncodingName(const ManifestColumn& column) {
     return "decimal(" + std::to_string(column.precision) + "," + std::to_string(column.scale) + ")";
   if (column.encoding == Encoding::kRowid) return "rowid";
   if (column.encoding == Encoding::kSerial) return "serial";
+  if (column.encoding == Encoding::kString) return "string";
   return SqlTypeName(column.encoding);
 }
 
@@ -339,10 +357,15 @@ int ResultWidth(Encoding encoding) {
     case Encoding::kInt:
       return 4;
     case Encoding::kRowid:
+    case Encoding::kString:
       return 0;
     default:
       return 8;
   }
+}
+
+bool InResult(const ManifestColumn& column) {
+  return column.encoding != Encoding::kRowid && column.from.empty();
 }
 
 }  // namespace qopci

@@ -18,7 +18,8 @@ namespace qopci {
 
 // How a target column is encoded on disk; each has its own attribute set.
 // kRowid numbers each export's rows from 1 (the export makes them); kSerial continues from
-// the rows the target already holds (the tool makes them).
+// the rows the target already holds (the tool makes them). kString holds text of any length
+// in a str BAT (a tail of heap offsets and a heap of the strings).
 enum class Encoding {
   kTinyint,
   kSmallint,
@@ -28,7 +29,8 @@ enum class Encoding {
   kDecimal,
   kTimestamp,
   kRowid,
-  kSerial
+  kSerial,
+  kString
 };
 
 // What an export does with the rows a target already holds.
@@ -56,7 +58,14 @@ struct ManifestColumn {
   Mode mode = Mode::kAppend;         // after ResolveModes(): --replace and raw 6 = 0 included
   bool mode_given = false;           // "mode" was written in the manifest
   std::vector<Attribute> overrides;  // "attributes", applied after the encoding's own
+  // "from": a generated column that copies this existing column of the farm
+  // ("trades.id"); it has no field in the result.
+  std::string from;
 };
+
+// Whether the result carries this column's values (rowid and "from" columns are made by the
+// export; serial columns are made by the tool but travel in the result).
+bool InResult(const ManifestColumn& column);
 
 struct Manifest {
   std::string table;
@@ -89,7 +98,8 @@ std::string EncodingName(const ManifestColumn& column);
 // The SQL type name a result column of this encoding carries ("int", "decimal", ...).
 const char* SqlTypeName(Encoding encoding);
 
-// Bytes of one value of this encoding in a result BAT (0 for rowid: it has no result).
+// Bytes of one fixed-width value of this encoding in a result BAT (0 for rowid, which has
+// no result, and for string, whose values are held as text).
 int ResultWidth(Encoding encoding);
 
 // Bytes of one stored value of a decimal of this precision: 1, 2, 4 or 8.

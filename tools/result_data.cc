@@ -24,7 +24,7 @@ constexpr uint64_t kProgressMinBytes = 4u << 20;
 void PrepareColumns(const Manifest& manifest, ResultData* out) {
   *out = ResultData();
   for (size_t i = 0; i < manifest.columns.size(); ++i) {
-    if (manifest.columns[i].encoding == Encoding::kRowid) continue;
+    if (!InResult(manifest.columns[i])) continue;
     ResultColumn c;
     c.manifest_index = i;
     c.width = ResultWidth(manifest.columns[i].encoding);
@@ -101,8 +101,30 @@ Status MatchHeader(const Manifest& manifest, const std::vector<std::string>& hea
         "without a warning)");
   if (!generated.empty())
     out->warnings.push_back("CSV columns " + HeaderList(generated) +
-                            " are not read: the manifest's rowid and serial columns of that name "
-                            "are generated");
+                            " are not read: the manifest's rowid, serial and \"from\" columns of "
+                            "that name are generated");
+  return Status::OK();
+}
+
+// Append a string field's text to c->texts: nil for the empty unquoted field (or the
+// --null text, quoted or not), the text otherwise. The text the kernel would read back as
+// nil, or cut at a zero byte, is refused.
+Status AppendString(const ManifestColumn& mc, const std::string& text, bool quoted,
+                    const CsvOptions& options, ResultColumn* c) {
+  if (text == options.null_text && (!options.null_text.empty() || !quoted)) {
+    c->texts += kNilString;
+  } else if (text == kNilString) {
+    return Status::Error("column \"" + mc.name +
+                         "\": the one-byte string 0x80 is the kernel's nil string and would "
+                         "read back as nil");
+  } else if (text.find('\0') != std::string::npos) {
+    return Status::Error("column \"" + mc.name +
+                         "\": a zero byte in a string, which would end it there and lose the "
+                         "rest");
+  } else {
+    c->texts += text;
+  }
+  c->texts += '\0';
   return Status::OK();
 }
 
@@ -113,6 +135,7 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
   PrepareColumns(manifest, out);
   CsvReader reader(in, options);
   std::vector<std::string> fields;
+  std::vector<bool> quoted;
   bool done = false;
   Status s = reader.Next(&fields, &done);
   if (!s.ok()) return s;
@@ -130,7 +153,7 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
   std::vector<Caveat> caveats(out->columns.size());
   std::vector<unsigned char> value(8);
   for (;;) {
-    s = reader.Next(&fields, &done);
+    s = reader.Next(&fields, &done, &quoted);
     if (!s.ok()) return s;
     if (done) break;
     const std::string line = "line " + std::to_string(reader.line()) + ": ";
@@ -144,6 +167,11 @@ Status LoadCsv(const Manifest& manifest, std::istream* in, ProgressBar* progress
       if (position[k] == field_count) continue;
       const ManifestColumn& mc = manifest.columns[c.manifest_index];
       const std::string& text = fields[position[k]];
+      if (mc.encoding == Encoding::kString) {
+        s = AppendString(mc, text, quoted[position[k]], options, &c);
+        if (!s.ok()) return Status::Error(line + s.message());
+        continue;
+      }
       bool caveat = false;
       if (text == options.null_text) {
         StoreNil(mc, value.data());
@@ -234,6 +262,10 @@ Status GenerateRows(const Manifest& manifest, uint64_t rows, ResultData* out) {
         case Encoding::kTimestamp:
           Append<lng>(&c, cvd_timestamp(day0 + static_cast<int32_t>(i / 86400),
                                         static_cast<int32_t>(i % 86400) * 1000));
+          break;
+        case Encoding::kString:
+          c.texts += "s" + std::to_string(i % 1000);
+          c.texts += '\0';
           break;
         case Encoding::kSerial:
         case Encoding::kRowid:

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "corvid/farm.h"
 #include "tools/closest.h"
@@ -80,7 +79,33 @@ bool JsonNumber(const ValueFormatter& f, const BAT& b, const std::string& text) 
   return numeric && first < text.size() && text[first] >= '0' && text[first] <= '9';
 }
 
-std::string JsonString(const std::string& text) { return nlohmann::json(text).dump(); }
+std::string JsonString(const std::string& text) { return JsonText(text); }
+
+// Bytes of the valid UTF-8 sequence at s[i], or 0 when none starts there.
+size_t Utf8Length(const std::string& s, size_t i) {
+  const auto at = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char c = at(i);
+  if (c < 0x80) return 1;
+  size_t n = c >= 0xC2 && c <= 0xDF   ? 2
+             : c >= 0xE0 && c <= 0xEF ? 3
+             : c >= 0xF0 && c <= 0xF4 ? 4
+                                      : 0;
+  if (n == 0 || i + n > s.size()) return 0;
+  // The second byte's range excludes overlong forms, surrogates and code points past U+10FFFF.
+  const unsigned char lo = c == 0xE0 ? 0xA0 : c == 0xF0 ? 0x90 : 0x80;
+  const unsigned char hi = c == 0xED ? 0x9F : c == 0xF4 ? 0x8F : 0xBF;
+  if (at(i + 1) < lo || at(i + 1) > hi) return 0;
+  for (size_t k = 2; k < n; ++k)
+    if (at(i + k) < 0x80 || at(i + k) > 0xBF) return 0;
+  return n;
+}
+
+// Characters a table cell takes: UTF-8 sequences count one each.
+size_t DisplayWidth(const std::string& text) {
+  size_t n = 0;
+  for (unsigned char c : text) n += (c & 0xC0) != 0x80;
+  return n;
+}
 
 struct Loaded {
   FarmColumn column;
@@ -94,20 +119,24 @@ Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& co
   std::string text, line;
   bool nil = false;
   std::vector<size_t> width;  // the table view's column widths
+  // The table cell of a value: NULL for nil, strings on one line.
+  auto table_text = [](const ValueFormatter& f, const std::string& value, bool is_nil) {
+    return is_nil ? std::string("NULL") : f.string() ? EscapeControls(value) : value;
+  };
   if (o.format == RowFormat::kTable) {
-    for (const Loaded& c : cols) width.push_back(ShortName(c.column.name).size());
+    for (const Loaded& c : cols) width.push_back(DisplayWidth(ShortName(c.column.name)));
     for (BUN r = 0; r < n; ++r)
       for (size_t k = 0; k < cols.size(); ++k) {
         Status s = cols[k].format->Format(r, &text, &nil);
         if (!s.ok()) return s;
-        width[k] = std::max(width[k], text.size());
+        width[k] = std::max(width[k], DisplayWidth(table_text(*cols[k].format, text, nil)));
       }
   }
   // One cell of the current line, after `k` others.
   auto cell = [&](size_t k, const std::string& value) {
     if (o.format == RowFormat::kTable) {
       line += k == 0 ? "" : "  ";
-      line.append(width[k] - std::min(width[k], value.size()), ' ');
+      line.append(width[k] - std::min(width[k], DisplayWidth(value)), ' ');
       line += value;
     } else {
       line += k == 0 ? "" : o.format == RowFormat::kCsv ? "," : ", ";
@@ -140,7 +169,7 @@ Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& co
                 : JsonNumber(*cols[k].format, *cols[k].b, text) ? text
                                                                 : JsonString(text));
       else
-        cell(k, text);
+        cell(k, table_text(*cols[k].format, text, nil));
     }
     if (o.format == RowFormat::kJson) line += "]";
     out << line;
@@ -167,10 +196,63 @@ bool ParseRowFormat(const std::string& word, RowFormat* out) {
 }
 
 std::string CsvField(const std::string& text) {
-  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  if (!text.empty() && text.find_first_of(",\"\r\n") == std::string::npos && !blank(text.front()) &&
+      !blank(text.back()))
+    return text;
   std::string q = "\"";
   for (char c : text) q += c == '"' ? "\"\"" : std::string(1, c);
   return q + "\"";
+}
+
+std::string JsonText(const std::string& text) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out = "\"";
+  for (size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const size_t n = Utf8Length(text, i);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c < 0x20 || c == 0x7f || n == 0) {
+      out += "\\u00";
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    } else {
+      out.append(text, i, n);
+      i += n;
+      continue;
+    }
+    ++i;
+  }
+  return out + "\"";
+}
+
+std::string EscapeControls(const std::string& text) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (char ch : text) {
+    const unsigned char c = static_cast<unsigned char>(ch);
+    if (c == '\\')
+      out += "\\\\";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\t')
+      out += "\\t";
+    else if (c == '\r')
+      out += "\\r";
+    else if (c < 0x20 || c == 0x7f)
+      out += std::string("\\x") + kHex[c >> 4] + kHex[c & 15];
+    else
+      out += ch;
+  }
+  return out;
 }
 
 Status PrintRows(std::ostream& out, const RowViewOptions& options) {

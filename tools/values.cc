@@ -199,6 +199,7 @@ Status ParseFieldValue(const ManifestColumn& column, std::string_view text, unsi
     }
     case Encoding::kRowid:
     case Encoding::kSerial:
+    case Encoding::kString:  // held as text, not as fixed-width bytes
       break;
   }
   return Status::Error("column \"" + column.name + "\": " + EncodingName(column) +

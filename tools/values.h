@@ -23,7 +23,7 @@ namespace qopci {
 Status ParseDecimalText(std::string_view text, int precision, int scale, int64_t* out);
 
 // Store the nil value of the column's encoding into out[0 .. ResultWidth()-1].
-// REQUIRES: column.encoding is not kRowid or kSerial.
+// REQUIRES: column.encoding is not kRowid, kSerial or kString.
 void StoreNil(const ManifestColumn& column, unsigned char* out);
 
 // Parse `text` as a value of the column's encoding into out[0 .. ResultWidth()-1] (native
@@ -32,7 +32,8 @@ void StoreNil(const ManifestColumn& column, unsigned char* out);
 // adds the line. Two values are read but set *caveat (when given) for the caller to warn
 // of: a timestamp with digits below a millisecond (its milliseconds are kept) and a double
 // NaN (the kernel compares it equal to every value, so no order of the column holds).
-// REQUIRES: column.encoding is not kRowid or kSerial; out has room for ResultWidth() bytes.
+// REQUIRES: column.encoding is not kRowid, kSerial or kString; out has room for
+// ResultWidth() bytes.
 Status ParseFieldValue(const ManifestColumn& column, std::string_view text, unsigned char* out,
                        bool* caveat = nullptr);
 

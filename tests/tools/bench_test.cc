@@ -28,7 +28,7 @@ TEST(BenchColumnsTest, SpecsAndTheirErrors) {
       {"smallint,rowid,double", true, "smallint,rowid,double", "101", ""},
       {"int,foo", false, "", "",
        "--columns item 2 \"foo\": unknown type \"foo\" (known: tinyint, smallint, int, bigint, "
-       "double, decimal(p,s), timestamp, rowid, serial, and their SQL aliases)"},
+       "double, decimal(p,s), timestamp, rowid, serial, string, and their SQL aliases)"},
       {"int:fast", false, "", "",
        "--columns item 1 \"int:fast\": only \":random\" may follow a type"},
       {"rowid:random", false, "", "",

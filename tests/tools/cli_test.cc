@@ -102,7 +102,7 @@ TEST_F(CliTest, CopiedRowsReadBackAsTheirCsvAndAsJson) {
             "    2013-05-17 14:30:00\n"
             "2013-05-17 14:30:00.250\n"
             "1970-01-01 00:00:00.001\n"
-            "                    nil\n");
+            "                   NULL\n");
 }
 
 TEST_F(CliTest, ErrorsNameTheMistakeAndTheWayOut) {

@@ -236,14 +236,14 @@ TEST_F(CopyTest, ManifestAttributesAreCheckedAgainstTheTable) {
       {"", R"("34": 4294967296)", 1,
        id + "34 (queued writing) must be a 32-bit integer, not 4294967296"},
       {"", R"("3": 9)", 1, id + "3 (chunker type code) must be 0 to 8, not 9"},
-      {"", R"("33": 2)", 1, id + "33 (source kind) must be one of 0, 1, not 2"},
+      {"", R"("33": 6)", 1, id + "33 (source kind) must be 0 to 5, not 6"},
       {"", R"("2": 16777217)", 1, id + "2 (chunk size) must be 1 to 16777216, not 16777217"},
       {"", R"("38": 18446744073709551615)", 1, id + "\"38\" must fit in a 64-bit integer"},
       {R"("chunk_size": 2147483647,)", "", 1,
        "manifest: \"chunk_size\" must be 1 to 16777216, not 2147483647"},
-      {"", R"("12": 7)", 0,
+      {"", R"("13": 7)", 0,
        "qopci: warning: " + id +
-           "12 (string chunker option) is not read by this version of the "
+           "13 (string dictionary option) is not read by this version of the "
            "library; it is registered but changes nothing"},
   };
   const std::string manifest = dir_ + "/m.json";

@@ -14,10 +14,12 @@ grep -q 'trades.row_no: 1, 2, 3' <<<"$out" || { echo "expected row ids 1, 2, 3: 
 out=$("$qopci" inspect --farm "$farm" --column price --limit 2)
 grep -Eq 'trades\.price +decimal\(9,2\) +6000 +4 ' <<<"$out" || { echo "expected int decimals: $out"; exit 1; }
 grep -q 'trades.price: 201.49, 40.19, ...' <<<"$out" || { echo "expected exact prices: $out"; exit 1; }
+out=$("$qopci" inspect --farm "$farm" --column symbol --limit 2)
+grep -q 'trades.symbol: "CRUX", "DYNA", ...' <<<"$out" || { echo "expected symbols: $out"; exit 1; }
 "$qopci" copy --farm "$farm" --manifest "$examples/trades.json" --csv "$examples/trades.csv" \
   --replace | grep -Eq '^trades\.price +decimal\(9,2\) +replaced +3000 ' || { echo "--replace failed"; exit 1; }
 bad=$(dirname "$farm")/bad.csv
-printf 'id,qty,price,fee,ts\n1,2,x,1.5,2013-01-01 00:00:00\n' >"$bad"
+printf 'id,symbol,qty,price,fee,ts\n1,AB,2,x,1.5,2013-01-01 00:00:00\n' >"$bad"
 if "$qopci" copy --farm "$farm.bad" --manifest "$examples/trades.json" --csv "$bad" 2>/dev/null; then
   echo "a malformed CSV was accepted"; exit 1
 fi

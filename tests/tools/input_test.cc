@@ -140,7 +140,7 @@ TEST_F(InputTest, DialectsWarningsAndErrors) {
       {"ts\n2013-01-01 00:00:00.0001\n", "--strict", 1,
        "qopci: error under --strict: column \"ts\": 1 value has digits below", "", kTs},
       {"a,s\n1,9\n", "", 0,
-       "qopci: warning: CSV columns \"s\" are not read: the manifest's rowid and serial columns",
+       "qopci: warning: CSV columns \"s\" are not read: the manifest's rowid, serial and \"from\" columns",
        "t.a: 1\nt.s: 1",
        R"({"table": "t", "columns": [{"name": "a", "type": "int"}, {"name": "s", "type": "serial"}]})"},
       {"a\n1\n", "", 0,

@@ -114,13 +114,13 @@ TEST(ManifestTest, RejectsBadManifestsWithClearTexts) {
       {R"({"table": "t", "columns": []})", "manifest: \"columns\" must be a non-empty array"},
       {R"({"table": "t", "columns": [{"type": "int"}]})", "manifest: column 1: missing \"name\""},
       {R"({"table": "t", "columns": [{"name": "c"}]})", "manifest: column \"c\": missing \"type\""},
-      {Column("c", "varchar"),
-       "manifest: column \"c\": unknown type \"varchar\" (known: tinyint, smallint, int, bigint, "
-       "double, decimal(p,s), timestamp, rowid, serial, and their SQL aliases)"},
+      {Column("c", "blob"),
+       "manifest: column \"c\": unknown type \"blob\" (known: tinyint, smallint, int, bigint, "
+       "double, decimal(p,s), timestamp, rowid, serial, string, and their SQL aliases)"},
       {Column("c", "INTEGR"),
        "manifest: column \"c\": unknown type \"INTEGR\" (did you mean \"integer\"?) (known: "
-       "tinyint, smallint, int, bigint, double, decimal(p,s), timestamp, rowid, serial, and their "
-       "SQL aliases)"},
+       "tinyint, smallint, int, bigint, double, decimal(p,s), timestamp, rowid, serial, string, "
+       "and their SQL aliases)"},
       {Column("c", "numeric"),
        "manifest: column \"c\": decimal type must be written decimal(p,s), got \"numeric\""},
       {Column("c", "decimal(9,2,1)"),

@@ -1,0 +1,105 @@
+// Helpers of the string column tests: a farm in a temporary directory, the kernel's own
+// heap and tail for a list of strings, and the library's chain (StringChunker, chunks,
+// StringWriter) writing the same strings to files.
+#ifndef QOPCI_TESTS_WRITERS_STRING_TEST_FARM_H_
+#define QOPCI_TESTS_WRITERS_STRING_TEST_FARM_H_
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "chunkers/string_chunker.h"
+#include "corvid/farm.h"
+#include "corvid/gdk.h"
+#include "queue/concurrent_queue.h"
+#include "writers/string_writer.h"
+#include "writers/writer_chunk_pair.h"
+
+namespace qopci_test {
+
+using qopci::ConcurrentQueue;
+using qopci::StringChunker;
+using qopci::StringWriter;
+using qopci::SubmitChunk;
+
+const std::string kNil("\x80", 1);  // the host's nil string (its zero comes with c_str())
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The bytes of the kernel's column after appending strings: heap (its free bytes) and tail.
+struct KernelColumn {
+  std::string heap;
+  std::string tail;
+  int width = 0;
+};
+
+class StringFarmTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    char tmpl[] = "/tmp/qopci-strings-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    char* err = CVDfarm_open((dir_ + "/farm").c_str(), CVD_FARM_CREATE);
+    ASSERT_EQ(err, nullptr) << err;
+  }
+  void TearDown() override {
+    CVDfarm_close();
+    std::filesystem::remove_all(dir_);
+  }
+
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+  // Appends strings to a new transient str BAT and returns what the kernel built.
+  static KernelColumn Kernel(const std::vector<std::string>& strings) {
+    KernelColumn k;
+    bat b = 0;
+    EXPECT_EQ(CVDbat_create(TYPE_str, nullptr, 0, &b), nullptr);
+    for (const std::string& s : strings) EXPECT_EQ(CVDbat_append(b, s.c_str()), nullptr);
+    if (BAT* d = BBPdescriptor(b)) {
+      k.heap.assign(d->tvheap->base, d->tvheap->free);
+      k.width = d->twidth;
+      k.tail.assign(d->theap.base, d->batCount * d->twidth);
+      BBPreleaseref(b);
+    }
+    CVDbat_release(b);
+    return k;
+  }
+
+  // Runs strings through a chunker of chunk_size into a writer of the two files, through a
+  // queue of two workers when queued. Returns the writer's tail width (0 on failure).
+  static int Library(const std::vector<std::string>& strings, int32_t chunk_size,
+                     const std::string& heap, const std::string& tail, bool queued = false) {
+    ConcurrentQueue queue(nullptr, 2);
+    StringChunker chunker(chunk_size, 20, heap.c_str(), 0);
+    StringWriter writer(heap.c_str(), tail.c_str(), false, 0, 0);
+    if (queued) writer.SetQueue(&queue);
+    if (!writer.Open()) return 0;
+    for (size_t i = 0; i < strings.size(); i++) {
+      uint32_t offset;
+      chunker.InsertString(strings[i].c_str(), &offset);
+      if (chunker.IsChunkFull() || i + 1 == strings.size())
+        if (!SubmitChunk(&writer, chunker.TakeChunk(), true)) return 0;
+    }
+    queue.WaitForProcessingEnd();
+    if (!queue.m_bOK) return 0;
+    int width = static_cast<int>(writer.GetValueWidth());
+    writer.Close();
+    return width;
+  }
+
+ protected:
+  std::string dir_;
+};
+
+}  // namespace qopci_test
+
+#endif  // QOPCI_TESTS_WRITERS_STRING_TEST_FARM_H_
