@@ -15,24 +15,17 @@
 #include "corvid/exception.h"
 #include "corvid/gdk.h"
 #include "corvid/sql.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
+using qopci_test::ReadFile;
 
 namespace {
 
 class FarmTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("corvid_farm_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    Open(CVD_FARM_CREATE);
-  }
-  void TearDown() override {
-    CVDfarm_close();
-    fs::remove_all(dir_);
-  }
+  void SetUp() override { Open(CVD_FARM_CREATE); }
+  void TearDown() override { CVDfarm_close(); }
   void Open(int flags) {
     char* err = CVDfarm_open(dir_.c_str(), flags);
     ASSERT_EQ(err, nullptr) << err;
@@ -58,13 +51,9 @@ class FarmTest : public ::testing::Test {
     char buf[4096];
     return CVDbat_filename(b, ext, buf, sizeof buf);
   }
-  fs::path dir_;
+  qopci_test::TempDir tmp_{"corvid_farm_"};
+  const fs::path dir_ = tmp_.path() + "/farm";
 };
-
-std::string Bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 TEST_F(FarmTest, EveryAtomTypeRoundTripsThroughCommitAndReopen) {
   const char* types[] = {"bit", "chr", "bte", "sht", "bat",       "int",     "oid", "wrd",
@@ -168,7 +157,7 @@ TEST_F(FarmTest, NarrowTailWrittenUnderneathReadsBackSignExtended) {
     d->batDirty = d->batDirtydesc = 1;
     d->batStatus |= BATSTATUS_REWRITTEN;
     ASSERT_EQ(TMcommit(), 0);
-    EXPECT_EQ(Bytes(Path(b, "tail")), raw);  // the commit kept the file as written
+    EXPECT_EQ(ReadFile(Path(b, "tail")), raw);  // the commit kept the file as written
     Reopen();
     d = BBPdescriptor(b);
     ASSERT_NE(d, nullptr);
@@ -188,7 +177,7 @@ TEST_F(FarmTest, DamagedFarmsGiveAClearErrorAndStayUntouched) {
   ASSERT_EQ(TMcommit(), 0);
   const std::string heap_path = Path(b, "theap");
   CVDfarm_close();
-  const std::string catalog = Bytes(dir_ / "catalog"), heap = Bytes(heap_path);
+  const std::string catalog = ReadFile(dir_ / "catalog"), heap = ReadFile(heap_path);
   struct Case {
     const char* what;
     std::string catalog_text;  // written over the catalog; "-" removes it
@@ -218,7 +207,7 @@ TEST_F(FarmTest, DamagedFarmsGiveAClearErrorAndStayUntouched) {
     EXPECT_NE(err.find(c.expected), std::string::npos) << err;
     EXPECT_EQ(CVDfarm_dir(), nullptr);
     if (c.catalog_text != "-") {
-      EXPECT_EQ(Bytes(dir_ / "catalog"), c.catalog_text);
+      EXPECT_EQ(ReadFile(dir_ / "catalog"), c.catalog_text);
     }
   }
   std::ofstream(dir_ / "catalog", std::ios::binary) << catalog;
@@ -242,7 +231,7 @@ TEST_F(FarmTest, AppendOverDamagedHashChainsStoresTheStringItself) {
   ASSERT_EQ(TMcommit(), 0);
   const std::string heap_path = Path(b, "theap");
   CVDfarm_close();
-  const std::string heap = Bytes(heap_path);
+  const std::string heap = ReadFile(heap_path);
   // "" hashes to bucket 0; each head points its chain somewhere no record starts.
   CVDfarm_skip_load_checksums(1);  // they would refuse the damaged heap
   for (uint16_t head : {uint16_t{2049}, uint16_t{2}, uint16_t{0xFFFF}}) {
@@ -295,7 +284,7 @@ TEST_F(FarmTest, PhysicalNamesResultsAndLogger) {
   ASSERT_EQ(logger_restart(lg), 0);
   ASSERT_EQ(logger_cleanup(lg), 0);
   EXPECT_FALSE(fs::exists(dir_ / "log" / "log.1"));
-  EXPECT_EQ(Bytes((dir_ / "log" / "log.2").string()), "restart 2 generation 0\n");
+  EXPECT_EQ(ReadFile(dir_ / "log" / "log.2"), "restart 2 generation 0\n");
   oid first = OIDnew(5);
   ASSERT_EQ(TMcommit(), 0);
   Reopen();

@@ -16,14 +16,15 @@
 
 #include "corvid/farm.h"
 #include "corvid/gdk.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 TEST(HeapTest, MappedHeapTakesAppendsAfterReopen) {
-  fs::path dir = fs::temp_directory_path() / ("corvid_heap_" + std::to_string(::getpid()));
-  fs::remove_all(dir);
+  const qopci_test::TempDir tmp("corvid_heap_");
+  const fs::path dir = tmp.path() + "/farm";
   ASSERT_EQ(CVDfarm_open(dir.c_str(), 1), nullptr);
   std::vector<int> values(400000);  // 1.6 MB: loaded as a mapping
   for (size_t i = 0; i < values.size(); i++) values[i] = static_cast<int>(i * 3);
@@ -47,7 +48,6 @@ TEST(HeapTest, MappedHeapTakesAppendsAfterReopen) {
     ASSERT_EQ(TMcommit(), 0);
   }
   CVDfarm_close();
-  fs::remove_all(dir);
 }
 
 template <typename T>
@@ -89,7 +89,8 @@ TEST(HeapTest, PropcheckClearsExactlyTheFalseFlags) {
     bool sorted, revsorted, key, nonil;
   };
   const std::vector<Case> cases = {
-      {"int ascending, nil first", Transient<int>(TYPE_int, {int_nil, 1, 2}), true, false, true, false},
+      {"int ascending, nil first", Transient<int>(TYPE_int, {int_nil, 1, 2}), true, false, true,
+       false},
       {"int descending", Transient<int>(TYPE_int, {3, 2, 2}), false, true, false, true},
       {"int unordered distinct", Transient<int>(TYPE_int, {2, 9, 1}), false, false, true, true},
       {"bte", Transient<bte>(TYPE_bte, {-3, -3, 4}), true, false, false, true},
@@ -217,8 +218,8 @@ TEST(HeapTest, PropcheckSeesOneBreakAnywhere) {
       if (k.name == "nil") longs[at] = lng_nil;
       for (size_t i = 0; i < n; i++)
         doubles[i] = longs[i] == lng_nil ? dbl_nil : static_cast<dbl>(longs[i]);
-      const std::pair<const char*, bat> columns[] = {
-          {"lng", Transient<lng>(TYPE_lng, longs)}, {"dbl", Transient<dbl>(TYPE_dbl, doubles)}};
+      const std::pair<const char*, bat> columns[] = {{"lng", Transient<lng>(TYPE_lng, longs)},
+                                                     {"dbl", Transient<dbl>(TYPE_dbl, doubles)}};
       for (const auto& [type, b] : columns) {
         std::optional<Flags> f = CheckedFlags(b);
         ASSERT_TRUE(f.has_value()) << type;
@@ -246,8 +247,8 @@ TEST(HeapTest, ClosedFarmHasGivenLargeHeapsBack) {
     std::fclose(f);
     return rss * ::sysconf(_SC_PAGESIZE);
   };
-  fs::path dir = fs::temp_directory_path() / ("corvid_reclaim_" + std::to_string(::getpid()));
-  fs::remove_all(dir);
+  const qopci_test::TempDir tmp("corvid_reclaim_");
+  const fs::path dir = tmp.path() + "/farm";
   ASSERT_EQ(CVDfarm_open(dir.c_str(), 1), nullptr);
   const long before = resident();
   const long bytes = 64L << 20;
@@ -261,7 +262,6 @@ TEST(HeapTest, ClosedFarmHasGivenLargeHeapsBack) {
   if (counts) {
     EXPECT_LT(resident() - before, bytes / 4);
   }
-  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <CLI/CLI.hpp>
 #include <cstring>
@@ -8,6 +7,7 @@
 #include <sstream>
 
 #include "corvid/farm.h"
+#include "tests/support/temp_dir.h"
 #include "tools/bench_command.h"
 #include "tools/kernel_io.h"
 
@@ -163,9 +163,8 @@ TEST(BenchRowsTest, RandomColumnsAreSeededAndInRange) {
 }
 
 TEST(BenchRunTest, ExportsEveryRowAndReportsJson) {
-  char tmpl[] = "/tmp/qopci_benchXXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  const std::string dir = tmpl;
+  qopci_test::TempDir tmp("qopci_bench");
+  const std::string& dir = tmp.path();
   BenchOptions o;
   o.rows = 3000;
   o.runs = 2;
@@ -193,7 +192,6 @@ TEST(BenchRunTest, ExportsEveryRowAndReportsJson) {
     EXPECT_EQ(std::filesystem::file_size(path), 3000u * 4) << name;  // decimal(9,2): 4 bytes
   }
   CVDfarm_close();
-  std::filesystem::remove_all(dir);
 
   o.dir = "/proc/qopci-bench";  // nothing can be made there
   s = RunBench(o, out, log);
