@@ -3,7 +3,6 @@
 // column fails instead of reading its values.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -106,13 +105,11 @@ TEST(VerifyTest, EveryDamageIsReportedAndNoneReadsBackAsValues) {
        "t.ints: checksum file " + in(ints).string() + ".sums is missing"},
       {"catalog byte flipped", [&] { Flip(dir / "catalog", 60); }, "", "catalog checksum mismatch"},
   };
-  int detected = 0, applied = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.damage);
     fs::remove_all(dir);
     fs::copy(pristine, dir, fs::copy_options::recursive);
     c.apply();
-    applied++;
     const ToolRun run = RunQopci("verify --farm " + dir.string());
     const std::string said = run.out + run.err;
     EXPECT_EQ(run.status, 1) << said;
@@ -132,10 +129,7 @@ TEST(VerifyTest, EveryDamageIsReportedAndNoneReadsBackAsValues) {
     }
     CVDfarm_close();
     EXPECT_EQ(load.rfind("IOException:", 0), 0u) << load;
-    if (run.status == 1 && (faults > 0 || !err.empty()) && !load.empty()) detected++;
   }
-  std::printf("damages detected: %d of %d applied\n", detected, applied);
-  EXPECT_EQ(detected, applied);
 
   // Garbage past the bytes in use is room a writer may leave: neither a fault nor read.
   fs::remove_all(dir);
