@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 #include <random>
 #include <string>
@@ -21,6 +20,7 @@
 #include "corvid/farm.h"
 #include "corvid/gdk.h"
 #include "corvid/mtime.h"
+#include "tests/support/temp_dir.h"
 
 namespace qopci_test {
 namespace {
@@ -63,23 +63,14 @@ int Wait(const Child& c) {
   return status;
 }
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 class CrashTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/qopci-crash-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    manifest_ = dir_ + "/m.json";
-    std::ofstream(manifest_) << R"json({"table": "t", "chunk_size": 4096, "columns": [
+    ASSERT_FALSE(dir_.empty());
+    manifest_ = WriteFile(dir_ + "/m.json", R"json({"table": "t", "chunk_size": 4096, "columns": [
         {"name": "i", "type": "int"}, {"name": "b", "type": "bigint"},
-        {"name": "d", "type": "decimal(9,2)"}, {"name": "ts", "type": "timestamp"}]})json";
+        {"name": "d", "type": "decimal(9,2)"}, {"name": "ts", "type": "timestamp"}]})json");
   }
-  void TearDown() override { fs::remove_all(dir_); }
 
   std::vector<std::string> Copy(const std::string& farm, uint64_t rows, bool sync) {
     std::vector<std::string> a = {"copy", "--farm", farm, "--manifest", manifest_,
@@ -158,7 +149,9 @@ class CrashTest : public ::testing::Test {
     return ok ? which : -1;
   }
 
-  std::string dir_, manifest_;
+  TempDir tmp_{"qopci-crash-"};
+  const std::string dir_ = tmp_.path();
+  std::string manifest_;
 };
 
 TEST_F(CrashTest, KilledCopiesLeaveThePreviousOrTheNewCommit) {
@@ -190,7 +183,7 @@ TEST_F(CrashTest, KilledCopiesLeaveThePreviousOrTheNewCommit) {
       kills++;
     } else {
       full_s = std::chrono::duration<double>(Clock::now() - start).count();
-      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << Slurp(dir_ + "/err");
+      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadFile(dir_ + "/err");
     }
     std::vector<uint64_t> next = replace ? std::vector<uint64_t>{} : batches;
     next.push_back(rows);
@@ -220,12 +213,12 @@ TEST_F(CrashTest, ConcurrentWritersLoseNoRows) {
   const int sa = Wait(a), sb = Wait(b);
   std::vector<uint64_t> batches = {10};
   for (auto [status, err] : {std::pair{sa, dir_ + "/erra"}, std::pair{sb, dir_ + "/errb"}}) {
-    ASSERT_TRUE(WIFEXITED(status)) << Slurp(err);
+    ASSERT_TRUE(WIFEXITED(status)) << ReadFile(err);
     if (WEXITSTATUS(status) == 0) {
       batches.push_back(rows);
     } else {
-      EXPECT_NE(Slurp(err).find("locked"), std::string::npos) << Slurp(err);
-      EXPECT_NE(Slurp(err).find(farm), std::string::npos) << Slurp(err);
+      EXPECT_NE(ReadFile(err).find("locked"), std::string::npos) << ReadFile(err);
+      EXPECT_NE(ReadFile(err).find(farm), std::string::npos) << ReadFile(err);
     }
   }
   EXPECT_GE(batches.size(), 2u);

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,21 +15,19 @@
 #include "corvid/gdk.h"
 #include "corvid/sql.h"
 #include "qopci/qopci.h"
+#include "tests/support/temp_dir.h"
 
 namespace qopci_test {
 
 class FarmTest : public ::testing::Test {
  public:
   void SetUp() override {
-    char tmpl[] = "/tmp/qopci-e2e-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    ASSERT_FALSE(dir_.empty());
     Open(true);
   }
   void TearDown() override {
     if (ctx_ != nullptr) mvc_destroy(ctx_);
     CVDfarm_close();
-    std::filesystem::remove_all(dir_);
   }
 
   void Open(bool create) {
@@ -156,7 +153,8 @@ class FarmTest : public ::testing::Test {
     return out;
   }
 
-  std::string dir_;
+  TempDir tmp_{"qopci-e2e-"};
+  const std::string dir_ = tmp_.path();
   mvc* ctx_ = nullptr;
 };
 

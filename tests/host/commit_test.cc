@@ -15,15 +15,12 @@
 #include <vector>
 
 #include "corvid/farm.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
+using qopci_test::ReadFile;
 
 namespace {
-
-std::string Bytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // Every entry under dir: files by their bytes (lock file aside), or with `times` by size and
 // modification time (lock file included); directories as "dir".
@@ -37,7 +34,7 @@ std::map<std::string, std::string> State(const fs::path& dir, bool times = false
       out[rel] = std::to_string(st.st_size) + "@" + std::to_string(st.st_mtim.tv_sec) + "." +
                  std::to_string(st.st_mtim.tv_nsec);
     else if (rel != "lock")
-      out[rel] = e.is_directory() ? "dir" : Bytes(e.path());
+      out[rel] = e.is_directory() ? "dir" : ReadFile(e.path());
   }
   return out;
 }
@@ -122,18 +119,7 @@ std::string MakeChanges(bat* rep) {
 
 class CommitTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    dir_ = fs::temp_directory_path() / ("corvid_commit_" + std::to_string(::getpid()) + name);
-    pristine_ = dir_.string() + ".pristine";
-    fs::remove_all(dir_);
-    fs::remove_all(pristine_);
-  }
-  void TearDown() override {
-    CVDfarm_close();
-    fs::remove_all(dir_);
-    fs::remove_all(pristine_);
-  }
+  void TearDown() override { CVDfarm_close(); }
   std::string Open(int flags) { return Take(CVDfarm_open(dir_.c_str(), flags)); }
   std::string DumpOf(int flags) {
     std::string err = Open(flags);
@@ -165,7 +151,8 @@ class CommitTest : public ::testing::Test {
     fs::remove_all(dir_);
     fs::copy(pristine_, dir_, fs::copy_options::recursive);
   }
-  fs::path dir_, pristine_;
+  qopci_test::TempDir tmp_{"corvid_commit_"};
+  const fs::path dir_ = tmp_.path() + "/farm", pristine_ = tmp_.path() + "/pristine";
   std::string s0_, s1_;
 };
 
@@ -254,7 +241,7 @@ TEST_F(CommitTest, ACrashAtAnyCallLeavesOneCommitOrTheOther) {
 
 TEST_F(CommitTest, NeverWritesWhatOpenWouldReject) {
   ASSERT_EQ(MakeFirstCommit(dir_), "");
-  const std::string catalog = Bytes(dir_ / "catalog");
+  const std::string catalog = ReadFile(dir_ / "catalog");
   const struct {
     void (*rewrite)(BAT* d);  // what a careless rewrite of counts [1] claims
     const char* says;
@@ -275,7 +262,7 @@ TEST_F(CommitTest, NeverWritesWhatOpenWouldReject) {
     EXPECT_EQ(said.rfind("#TMcommit: the catalog would not open: BAT ", 0), 0u) << said;
     EXPECT_NE(said.find(c.says), std::string::npos) << said;
     CVDfarm_close();
-    EXPECT_EQ(Bytes(dir_ / "catalog"), catalog);
+    EXPECT_EQ(ReadFile(dir_ / "catalog"), catalog);
   }
 }
 
@@ -362,7 +349,7 @@ TEST_F(CommitTest, UncommittedReplacementsVanishAndVersionOneCatalogsOpen) {
 
   // The same farm under a version-1 catalog: no SQL types, one field fewer per BAT, and the
   // checksum (FNV-1a 64) made anew.
-  std::istringstream lines(Bytes(dir_ / "catalog"));
+  std::istringstream lines(ReadFile(dir_ / "catalog"));
   std::string v1;
   for (std::string line; std::getline(lines, line) && line.rfind("checksum ", 0) != 0;) {
     if (line == "corvid-catalog 3") line = "corvid-catalog 1";
@@ -382,7 +369,7 @@ TEST_F(CommitTest, UncommittedReplacementsVanishAndVersionOneCatalogsOpen) {
   ASSERT_EQ(CVDbat_set_sqltype(CVDbat_lookup("counts"), "timestamp with time zone"), nullptr);
   ASSERT_EQ(TMcommit(), 0);
   CVDfarm_close();
-  EXPECT_EQ(Bytes(dir_ / "catalog").rfind("corvid-catalog 3\n", 0), 0u);
+  EXPECT_EQ(ReadFile(dir_ / "catalog").rfind("corvid-catalog 3\n", 0), 0u);
   want.replace(want.find("[]"), 2, "[timestamp with time zone]");
   EXPECT_EQ(DumpOf(0), want);
 }

@@ -15,24 +15,18 @@
 #include "corvid/exception.h"
 #include "corvid/gdk.h"
 #include "corvid/sql.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
+using qopci_test::ReadFile;
+using qopci_test::WriteFile;
 
 namespace {
 
 class FarmTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("corvid_farm_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    Open(CVD_FARM_CREATE);
-  }
-  void TearDown() override {
-    CVDfarm_close();
-    fs::remove_all(dir_);
-  }
+  void SetUp() override { Open(CVD_FARM_CREATE); }
+  void TearDown() override { CVDfarm_close(); }
   void Open(int flags) {
     char* err = CVDfarm_open(dir_.c_str(), flags);
     ASSERT_EQ(err, nullptr) << err;
@@ -58,13 +52,9 @@ class FarmTest : public ::testing::Test {
     char buf[4096];
     return CVDbat_filename(b, ext, buf, sizeof buf);
   }
-  fs::path dir_;
+  qopci_test::TempDir tmp_{"corvid_farm_"};
+  const fs::path dir_ = tmp_.path() + "/farm";
 };
-
-std::string Bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 TEST_F(FarmTest, EveryAtomTypeRoundTripsThroughCommitAndReopen) {
   const char* types[] = {"bit", "chr", "bte", "sht", "bat",       "int",     "oid", "wrd",
@@ -168,7 +158,7 @@ TEST_F(FarmTest, NarrowTailWrittenUnderneathReadsBackSignExtended) {
     d->batDirty = d->batDirtydesc = 1;
     d->batStatus |= BATSTATUS_REWRITTEN;
     ASSERT_EQ(TMcommit(), 0);
-    EXPECT_EQ(Bytes(Path(b, "tail")), raw);  // the commit kept the file as written
+    EXPECT_EQ(ReadFile(Path(b, "tail")), raw);  // the commit kept the file as written
     Reopen();
     d = BBPdescriptor(b);
     ASSERT_NE(d, nullptr);
@@ -182,85 +172,85 @@ TEST_F(FarmTest, NarrowTailWrittenUnderneathReadsBackSignExtended) {
   }
 }
 
-TEST_F(FarmTest, DamagedFarmsGiveAClearErrorAndStayUntouched) {
+// A damaged catalog or heap: the open refuses it with a clear error and leaves the files as
+// they are, or the damaged column does not load; with the load checks off, an append does not
+// follow hash chains into a damaged heap but stores its string itself.
+TEST_F(FarmTest, DamagedFilesAreRefusedOrReadAround) {
   bat b = Make(TYPE_str, "words");
   ASSERT_EQ(CVDbat_append(b, "alpha"), nullptr);
   ASSERT_EQ(TMcommit(), 0);
   const std::string heap_path = Path(b, "theap");
   CVDfarm_close();
-  const std::string catalog = Bytes(dir_ / "catalog"), heap = Bytes(heap_path);
-  struct Case {
+  const std::string catalog = ReadFile(dir_ / "catalog"), heap = ReadFile(heap_path);
+  auto edit = [](std::string bytes, size_t at, const std::string& with) {
+    return bytes.replace(at, with.size(), with);
+  };
+  // "" hashes to bucket 0; each head points its chain somewhere no record starts.
+  auto head = [&](uint16_t at) {
+    return edit(heap, 0, std::string(reinterpret_cast<char*>(&at), 2));
+  };
+  enum Outcome { kOpenFails, kLoadFails, kAppends };
+  const struct {
     const char* what;
     std::string catalog_text;  // written over the catalog; "-" removes it
     std::string heap_text;     // written over the string heap; "-" removes it
-    std::string expected;
+    Outcome outcome;
+    std::string says;  // in the open's error
+  } cases[] = {
+      {"missing catalog", "-", heap, kOpenFails,
+       "catalog " + (dir_ / "catalog").string() + " is missing"},
+      {"truncated", catalog.substr(0, catalog.size() / 2), heap, kOpenFails,
+       "catalog is truncated"},
+      {"flipped byte", edit(catalog, catalog.find("words"), "W"), heap, kOpenFails,
+       "catalog checksum mismatch"},
+      {"edited type", edit(catalog, catalog.find(" str "), " xyz "), heap, kOpenFails,
+       "catalog checksum mismatch"},
+      {"missing heap", catalog, "-", kOpenFails, "theap is missing"},
+      {"short heap", catalog, heap.substr(0, 2050), kOpenFails,
+       "holds 2050 bytes, the catalog describes"},
+      // The open reads no heap: a last string without its zero is found when loading.
+      {"unterminated", catalog, edit(heap, heap.size() - 1, "x"), kLoadFails, ""},
+      {"hash head in a record", catalog, head(2049), kAppends, ""},
+      {"hash head in the hash area", catalog, head(2), kAppends, ""},
+      {"hash head past the end", catalog, head(0xFFFF), kAppends, ""},
   };
-  std::string corrupt = catalog;
-  corrupt[corrupt.find("words")] = 'W';
-  std::string bad_type = catalog;
-  bad_type.replace(bad_type.find(" str "), 5, " xyz ");
-  const Case cases[] = {
-      {"missing catalog", "-", heap, "catalog " + (dir_ / "catalog").string() + " is missing"},
-      {"truncated", catalog.substr(0, catalog.size() / 2), heap, "catalog is truncated"},
-      {"flipped byte", corrupt, heap, "catalog checksum mismatch"},
-      {"edited type", bad_type, heap, "catalog checksum mismatch"},
-      {"missing heap", catalog, "-", "theap is missing"},
-      {"short heap", catalog, heap.substr(0, 2050), "holds 2050 bytes, the catalog describes"},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     fs::remove(dir_ / "catalog");
     fs::remove(heap_path);
-    if (c.catalog_text != "-") std::ofstream(dir_ / "catalog", std::ios::binary) << c.catalog_text;
-    if (c.heap_text != "-") std::ofstream(heap_path, std::ios::binary) << c.heap_text;
-    std::string err = OpenError();
-    EXPECT_EQ(err.rfind("IOException:CVDfarm_open:", 0), 0u) << err;
-    EXPECT_NE(err.find(c.expected), std::string::npos) << err;
-    EXPECT_EQ(CVDfarm_dir(), nullptr);
-    if (c.catalog_text != "-") {
-      EXPECT_EQ(Bytes(dir_ / "catalog"), c.catalog_text);
+    if (c.catalog_text != "-") WriteFile(dir_ / "catalog", c.catalog_text);
+    if (c.heap_text != "-") WriteFile(heap_path, c.heap_text);
+    CVDfarm_skip_load_checksums(c.outcome == kAppends);  // they would refuse the damaged heap
+    if (c.outcome == kOpenFails) {
+      std::string err = OpenError();
+      EXPECT_EQ(err.rfind("IOException:CVDfarm_open:", 0), 0u) << err;
+      EXPECT_NE(err.find(c.says), std::string::npos) << err;
+      EXPECT_EQ(CVDfarm_dir(), nullptr);
+      if (c.catalog_text != "-") {
+        EXPECT_EQ(ReadFile(dir_ / "catalog"), c.catalog_text);
+      }
+      continue;
     }
+    Open(0);
+    if (c.outcome == kAppends) {
+      ASSERT_EQ(CVDbat_append(b, ""), nullptr);
+    }
+    BAT* d = BBPdescriptor(b);
+    EXPECT_EQ(d != nullptr, c.outcome == kAppends);
+    if (d != nullptr) {
+      EXPECT_STREQ(static_cast<const char*>(BUNtail(d, 0)), "alpha");
+      EXPECT_STREQ(static_cast<const char*>(BUNtail(d, 1)), "");
+      BBPreleaseref(b);
+    }
+    CVDfarm_close();
   }
-  std::ofstream(dir_ / "catalog", std::ios::binary) << catalog;
-  // A heap whose last string lost its zero opens (open reads no heap) but does not load.
-  std::string unterminated = heap;
-  unterminated.back() = 'x';
-  std::ofstream(heap_path, std::ios::binary) << unterminated;
-  Open(0);
-  EXPECT_EQ(BBPdescriptor(b), nullptr);
-  CVDfarm_close();
-  std::ofstream(heap_path, std::ios::binary) << heap;
+  CVDfarm_skip_load_checksums(0);
+  WriteFile(dir_ / "catalog", catalog);
+  WriteFile(heap_path, heap);
   Open(0);
   ASSERT_NE(BBPdescriptor(b), nullptr);
   EXPECT_STREQ(static_cast<const char*>(BUNtail(BBPgetdesc(b), 0)), "alpha");
   BBPreleaseref(b);
-}
-
-TEST_F(FarmTest, AppendOverDamagedHashChainsStoresTheStringItself) {
-  bat b = Make(TYPE_str, "words");
-  ASSERT_EQ(CVDbat_append(b, "x"), nullptr);
-  ASSERT_EQ(TMcommit(), 0);
-  const std::string heap_path = Path(b, "theap");
-  CVDfarm_close();
-  const std::string heap = Bytes(heap_path);
-  // "" hashes to bucket 0; each head points its chain somewhere no record starts.
-  CVDfarm_skip_load_checksums(1);  // they would refuse the damaged heap
-  for (uint16_t head : {uint16_t{2049}, uint16_t{2}, uint16_t{0xFFFF}}) {
-    SCOPED_TRACE(head);
-    std::string damaged = heap;
-    std::memcpy(&damaged[0], &head, 2);
-    std::ofstream(heap_path, std::ios::binary) << damaged;
-    Open(0);
-    ASSERT_EQ(CVDbat_append(b, ""), nullptr);
-    BAT* d = BBPdescriptor(b);
-    ASSERT_NE(d, nullptr);
-    EXPECT_STREQ(static_cast<const char*>(BUNtail(d, 0)), "x");
-    EXPECT_STREQ(static_cast<const char*>(BUNtail(d, 1)), "");
-    BBPreleaseref(b);
-    CVDfarm_close();
-  }
-  CVDfarm_skip_load_checksums(0);
-  Open(0);
 }
 
 TEST_F(FarmTest, PhysicalNamesResultsAndLogger) {
@@ -295,7 +285,7 @@ TEST_F(FarmTest, PhysicalNamesResultsAndLogger) {
   ASSERT_EQ(logger_restart(lg), 0);
   ASSERT_EQ(logger_cleanup(lg), 0);
   EXPECT_FALSE(fs::exists(dir_ / "log" / "log.1"));
-  EXPECT_EQ(Bytes((dir_ / "log" / "log.2").string()), "restart 2 generation 0\n");
+  EXPECT_EQ(ReadFile(dir_ / "log" / "log.2"), "restart 2 generation 0\n");
   oid first = OIDnew(5);
   ASSERT_EQ(TMcommit(), 0);
   Reopen();

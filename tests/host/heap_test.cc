@@ -10,20 +10,22 @@
 #include <filesystem>
 #include <limits>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "corvid/farm.h"
 #include "corvid/gdk.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 TEST(HeapTest, MappedHeapTakesAppendsAfterReopen) {
-  fs::path dir = fs::temp_directory_path() / ("corvid_heap_" + std::to_string(::getpid()));
-  fs::remove_all(dir);
+  const qopci_test::TempDir tmp("corvid_heap_");
+  const fs::path dir = tmp.path() + "/farm";
   ASSERT_EQ(CVDfarm_open(dir.c_str(), 1), nullptr);
   std::vector<int> values(400000);  // 1.6 MB: loaded as a mapping
   for (size_t i = 0; i < values.size(); i++) values[i] = static_cast<int>(i * 3);
@@ -47,7 +49,6 @@ TEST(HeapTest, MappedHeapTakesAppendsAfterReopen) {
     ASSERT_EQ(TMcommit(), 0);
   }
   CVDfarm_close();
-  fs::remove_all(dir);
 }
 
 template <typename T>
@@ -62,7 +63,15 @@ bat Transient(int type, const std::vector<T>& v) {
 
 struct Flags {
   bool sorted, revsorted, key, nonil;
+  bool operator==(const Flags&) const = default;
 };
+void PrintTo(const Flags& f, std::ostream* os) {
+  *os << "sorted " << f.sorted << " revsorted " << f.revsorted << " key " << f.key << " nonil "
+      << f.nonil;
+}
+Flags FlagsOf(const BAT* d) {
+  return Flags{d->tsorted != 0, d->trevsorted != 0, d->tkey != 0, d->tnonil != 0};
+}
 
 // The flags BATpropcheck leaves on transient BAT b when sorted, revsorted and no-nil are set
 // and key is set as asked (an unordered key check sorts the whole column). Releases b.
@@ -73,7 +82,7 @@ std::optional<Flags> CheckedFlags(bat b, bool ask_key = true) {
     d->tsorted = d->trevsorted = d->tnonil = 1;
     d->tkey = ask_key ? 1 : 0;
     BATpropcheck(d);
-    flags = Flags{d->tsorted != 0, d->trevsorted != 0, d->tkey != 0, d->tnonil != 0};
+    flags = FlagsOf(d);
     BBPreleaseref(b);
   }
   CVDbat_release(b);
@@ -86,30 +95,22 @@ TEST(HeapTest, PropcheckClearsExactlyTheFalseFlags) {
   struct Case {
     std::string name;
     bat b;
-    bool sorted, revsorted, key, nonil;
+    Flags want;
   };
   const std::vector<Case> cases = {
-      {"int ascending, nil first", Transient<int>(TYPE_int, {int_nil, 1, 2}), true, false, true, false},
-      {"int descending", Transient<int>(TYPE_int, {3, 2, 2}), false, true, false, true},
-      {"int unordered distinct", Transient<int>(TYPE_int, {2, 9, 1}), false, false, true, true},
-      {"bte", Transient<bte>(TYPE_bte, {-3, -3, 4}), true, false, false, true},
-      {"sht", Transient<sht>(TYPE_sht, {5, sht_nil}), false, true, true, false},
-      {"lng", Transient<lng>(TYPE_lng, {1, 2, 1}), false, false, false, true},
-      {"dbl", Transient<dbl>(TYPE_dbl, {dbl_nil, -1.5, 2.0}), true, false, true, false},
-      {"dbl with -inf", Transient<dbl>(TYPE_dbl, {-inf, 1.0}), true, false, true, true},
+      {"int ascending, nil first", Transient<int>(TYPE_int, {int_nil, 1, 2}), {1, 0, 1, 0}},
+      {"int descending", Transient<int>(TYPE_int, {3, 2, 2}), {0, 1, 0, 1}},
+      {"int unordered distinct", Transient<int>(TYPE_int, {2, 9, 1}), {0, 0, 1, 1}},
+      {"bte", Transient<bte>(TYPE_bte, {-3, -3, 4}), {1, 0, 0, 1}},
+      {"sht", Transient<sht>(TYPE_sht, {5, sht_nil}), {0, 1, 1, 0}},
+      {"lng", Transient<lng>(TYPE_lng, {1, 2, 1}), {0, 0, 0, 1}},
+      {"dbl", Transient<dbl>(TYPE_dbl, {dbl_nil, -1.5, 2.0}), {1, 0, 1, 0}},
+      {"dbl with -inf", Transient<dbl>(TYPE_dbl, {-inf, 1.0}), {1, 0, 1, 1}},
       // The host compares NaN equal to everything, so neither order is broken.
-      {"dbl with nan", Transient<dbl>(TYPE_dbl, {1.0, nan, 0.5}), true, true, false, true},
-      {"oid", Transient<oid>(TYPE_oid, {oid_nil, 1, 7}), true, false, true, false},
+      {"dbl with nan", Transient<dbl>(TYPE_dbl, {1.0, nan, 0.5}), {1, 1, 0, 1}},
+      {"oid", Transient<oid>(TYPE_oid, {oid_nil, 1, 7}), {1, 0, 1, 0}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::optional<Flags> f = CheckedFlags(c.b);
-    ASSERT_TRUE(f.has_value());
-    EXPECT_EQ(f->sorted, c.sorted);
-    EXPECT_EQ(f->revsorted, c.revsorted);
-    EXPECT_EQ(f->key, c.key);
-    EXPECT_EQ(f->nonil, c.nonil);
-  }
+  for (const Case& c : cases) EXPECT_EQ(CheckedFlags(c.b), c.want) << c.name;
 }
 
 // Appending many values at once leaves the same property flags as appending them one by
@@ -152,10 +153,7 @@ TEST(HeapTest, BulkAppendKeepsTheFlagsOfSingleAppends) {
       const BAT* b = BBPgetdesc(other);
       EXPECT_EQ(b->batCount, a->batCount);
       EXPECT_EQ(std::memcmp(b->theap.base, a->theap.base, n * c.width), 0);
-      EXPECT_EQ(b->tsorted, a->tsorted);
-      EXPECT_EQ(b->trevsorted, a->trevsorted);
-      EXPECT_EQ(b->tkey, a->tkey);
-      EXPECT_EQ(b->tnonil, a->tnonil);
+      EXPECT_EQ(FlagsOf(b), FlagsOf(a));
     }
     for (bat b : {one, bulk, split}) CVDbat_release(b);
   }
@@ -171,24 +169,9 @@ TEST(HeapTest, PropcheckOfLongColumnsSeesTheSeam) {
   std::vector<dbl> falling(n);
   for (size_t i = 0; i < n; i++) falling[i] = static_cast<dbl>(n - i);
   falling[n - 1] = dbl_nil;  // the smallest value, last: still descending
-  struct Case {
-    std::string name;
-    bat b;
-    bool sorted, revsorted, nonil;
-  };
-  const std::vector<Case> cases = {
-      {"ascending but at the seam", Transient<int>(TYPE_int, broken), false, false, true},
-      {"descending to a nil in the upper half", Transient<dbl>(TYPE_dbl, falling), false, true,
-       false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::optional<Flags> f = CheckedFlags(c.b, false);  // key not asked: it would sort
-    ASSERT_TRUE(f.has_value());
-    EXPECT_EQ(f->sorted, c.sorted);
-    EXPECT_EQ(f->revsorted, c.revsorted);
-    EXPECT_EQ(f->nonil, c.nonil);
-  }
+  // Key is not asked: its check would sort the column.
+  EXPECT_EQ(CheckedFlags(Transient<int>(TYPE_int, broken), false), (Flags{0, 0, 0, 1}));
+  EXPECT_EQ(CheckedFlags(Transient<dbl>(TYPE_dbl, falling), false), (Flags{0, 1, 0, 0}));
 }
 
 // The scan works block by block and stops once every flag has failed: a single break of
@@ -197,13 +180,13 @@ TEST(HeapTest, PropcheckOfLongColumnsSeesTheSeam) {
 TEST(HeapTest, PropcheckSeesOneBreakAnywhere) {
   struct Break {
     std::string name;
-    bool sorted, revsorted, key, nonil;
+    Flags want;
   };
   const std::vector<Break> breaks = {
-      {"none", true, false, true, true},
-      {"descent", false, false, true, true},
-      {"repeat", true, false, false, true},
-      {"nil", false, false, true, false},
+      {"none", {1, 0, 1, 1}},
+      {"descent", {0, 0, 1, 1}},
+      {"repeat", {1, 0, 0, 1}},
+      {"nil", {0, 0, 1, 0}},
   };
   const size_t n = 3 * 4096 + 17;
   for (const Break& k : breaks) {
@@ -217,16 +200,9 @@ TEST(HeapTest, PropcheckSeesOneBreakAnywhere) {
       if (k.name == "nil") longs[at] = lng_nil;
       for (size_t i = 0; i < n; i++)
         doubles[i] = longs[i] == lng_nil ? dbl_nil : static_cast<dbl>(longs[i]);
-      const std::pair<const char*, bat> columns[] = {
-          {"lng", Transient<lng>(TYPE_lng, longs)}, {"dbl", Transient<dbl>(TYPE_dbl, doubles)}};
-      for (const auto& [type, b] : columns) {
-        std::optional<Flags> f = CheckedFlags(b);
-        ASSERT_TRUE(f.has_value()) << type;
-        EXPECT_EQ(f->sorted, k.sorted) << type;
-        EXPECT_EQ(f->revsorted, k.revsorted) << type;
-        EXPECT_EQ(f->key, k.key) << type;
-        EXPECT_EQ(f->nonil, k.nonil) << type;
-      }
+      const std::pair<const char*, bat> columns[] = {{"lng", Transient<lng>(TYPE_lng, longs)},
+                                                     {"dbl", Transient<dbl>(TYPE_dbl, doubles)}};
+      for (const auto& [type, b] : columns) EXPECT_EQ(CheckedFlags(b), k.want) << type;
     }
   }
 }
@@ -246,8 +222,8 @@ TEST(HeapTest, ClosedFarmHasGivenLargeHeapsBack) {
     std::fclose(f);
     return rss * ::sysconf(_SC_PAGESIZE);
   };
-  fs::path dir = fs::temp_directory_path() / ("corvid_reclaim_" + std::to_string(::getpid()));
-  fs::remove_all(dir);
+  const qopci_test::TempDir tmp("corvid_reclaim_");
+  const fs::path dir = tmp.path() + "/farm";
   ASSERT_EQ(CVDfarm_open(dir.c_str(), 1), nullptr);
   const long before = resident();
   const long bytes = 64L << 20;
@@ -261,7 +237,6 @@ TEST(HeapTest, ClosedFarmHasGivenLargeHeapsBack) {
   if (counts) {
     EXPECT_LT(resident() - before, bytes / 4);
   }
-  fs::remove_all(dir);
 }
 
 }  // namespace

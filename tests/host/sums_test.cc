@@ -12,8 +12,10 @@
 #include <vector>
 
 #include "corvid/farm.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
+using qopci_test::ReadFile;
 
 namespace {
 
@@ -21,11 +23,6 @@ std::string Take(char* err) {
   std::string text = err ? err : "";
   GDKfree(err);
   return text;
-}
-
-std::string Bytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // The verify report of a closed farm, exception text first if any.
@@ -61,16 +58,11 @@ void WriteUnderneath(bat id, int first, int n) {
 class SumsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("corvid_sums_" + std::to_string(::getpid()));
-    fs::remove_all(dir_);
     ASSERT_EQ(Take(CVDfarm_open(dir_.c_str(), CVD_FARM_CREATE)), "");
     ASSERT_EQ(Take(CVDbat_create(TYPE_int, "t.a", 0, &id_)), "");
     tail_ = dir_ / "bat/00/0001.tail";
   }
-  void TearDown() override {
-    CVDfarm_close();
-    fs::remove_all(dir_);
-  }
+  void TearDown() override { CVDfarm_close(); }
   // Appends n rows continuing the column's values, by the kernel or underneath it.
   void Append(int n, bool underneath) {
     const int first = static_cast<int>(BBPgetdesc(id_)->batCount);
@@ -86,7 +78,9 @@ class SumsTest : public ::testing::Test {
     std::string err = Take(CVDfarm_open(dir_.c_str(), 0));
     return err.empty() ? said : err;
   }
-  fs::path dir_, tail_;
+  qopci_test::TempDir tmp_{"corvid_sums_"};
+  const fs::path dir_ = tmp_.path() + "/farm";
+  fs::path tail_;
   bat id_ = 0;
 };
 
@@ -122,7 +116,7 @@ TEST_F(SumsTest, AppendsExtendTheSumsAndVerifyPasses) {
 TEST_F(SumsTest, AnAppendKeepsEarlierBlocksAndRefusesADamagedPartialOne) {
   Append(20000, false);  // 80,000 bytes: block 0 whole, block 1 partial
   ASSERT_EQ(TMcommit(), 0);
-  const std::string sums = Bytes(tail_.string() + ".sums");
+  const std::string sums = ReadFile(tail_.string() + ".sums");
   auto poke = [&](long at, const void* bytes, size_t n) {
     std::fstream f(tail_, std::ios::in | std::ios::out | std::ios::binary);
     f.seekp(at);
@@ -138,7 +132,7 @@ TEST_F(SumsTest, AnAppendKeepsEarlierBlocksAndRefusesADamagedPartialOne) {
                       ": block 1 (bytes 65536-79999) no longer matches its checksum"),
             std::string::npos)
       << said;
-  EXPECT_EQ(Bytes(tail_.string() + ".sums"), sums);  // the previous commit's
+  EXPECT_EQ(ReadFile(tail_.string() + ".sums"), sums);  // the previous commit's
   CVDfarm_close();
 
   // Damage in a whole block before the old end is not read again: the new sums keep that
@@ -160,7 +154,7 @@ TEST_F(SumsTest, AFarmFromBeforeChecksumsGetsThemWithItsNextCommit) {
   ASSERT_EQ(TMcommit(), 0);
   CVDfarm_close();
   // The same farm as a version 2 catalog, without sums files, its checksum made anew.
-  std::istringstream lines(Bytes(dir_ / "catalog"));
+  std::istringstream lines(ReadFile(dir_ / "catalog"));
   std::string v2;
   for (std::string line; std::getline(lines, line) && line.rfind("checksum ", 0) != 0;)
     v2 += (line == "corvid-catalog 3" ? "corvid-catalog 2" : line) + "\n";
@@ -179,7 +173,7 @@ TEST_F(SumsTest, AFarmFromBeforeChecksumsGetsThemWithItsNextCommit) {
   ASSERT_EQ(Take(CVDfarm_open(dir_.c_str(), 0)), "");
   EXPECT_NE(CommitAndVerify().find("1 columns, 1 files, 2 blocks checked: no faults"),
             std::string::npos);
-  EXPECT_EQ(Bytes(dir_ / "catalog").rfind("corvid-catalog 3\n", 0), 0u);
+  EXPECT_EQ(ReadFile(dir_ / "catalog").rfind("corvid-catalog 3\n", 0), 0u);
 }
 
 }  // namespace

@@ -8,13 +8,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "tests/support/temp_dir.h"
 #include "writers/mmf/mmf_byte_reader.h"
 #include "writers/mmf/mmf_byte_writer.h"
 #include "writers/mmf/mmf_fault.h"
@@ -24,27 +23,17 @@ namespace {
 
 class MmfTest : public ::testing::Test {
  public:
-  void SetUp() override {
-    char tmpl[] = "/tmp/mmf_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    path_ = dir_ + "/f.bin";
-  }
-  void TearDown() override {
-    MMFInjectFailure(0);
-    std::filesystem::remove_all(dir_);
-  }
-  void Put(const std::string& bytes) { std::ofstream(path_, std::ios::binary) << bytes; }
-  std::string Get() {
-    std::ifstream in(path_, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
+  void SetUp() override { ASSERT_FALSE(dir_.empty()); }
+  void TearDown() override { MMFInjectFailure(0); }
+  void Put(const std::string& bytes) { qopci_test::WriteFile(path_, bytes); }
+  std::string Get() { return qopci_test::ReadFile(path_); }
   int64_t DiskSize() {
     struct stat st;
     return stat(path_.c_str(), &st) == 0 ? st.st_size : -1;
   }
 
-  std::string dir_, path_;
+  qopci_test::TempDir tmp_{"mmf_test_"};
+  const std::string dir_ = tmp_.path(), path_ = dir_ + "/f.bin";
 };
 
 std::string Pattern(size_t n, char seed) {

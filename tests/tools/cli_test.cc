@@ -2,58 +2,36 @@
 // outputs, and the texts of its usage and farm errors.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
-#include <sstream>
+
+#include "tests/support/run_tool.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Outcome {
-  int status = -1;
-  std::string out, err;
-};
+using qopci_test::RunQopci;
+using qopci_test::ToolRun;
 
 class CliTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/qopci_cliXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    ASSERT_FALSE(tmp_.path().empty());
+    dir_ = tmp_.path();
     fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                               fs::perms::others_read | fs::perms::others_exec);
     farm_ = dir_ + "/farm";
   }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  // Runs `prefix qopci args`; stdout and stderr apart.
-  Outcome Qopci(const std::string& args, const std::string& prefix = "") {
-    const std::string err = dir_ + "/stderr";
-    FILE* pipe = popen((prefix + QOPCI_BINARY " " + args + " 2>" + err).c_str(), "r");
-    Outcome r;
-    if (pipe == nullptr) return r;
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
-    const int status = pclose(pipe);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream in(err);
-    std::ostringstream text;
-    text << in.rdbuf();
-    r.err = text.str();
-    return r;
-  }
 
   std::string Write(const std::string& name, const std::string& text) {
-    std::ofstream(dir_ + "/" + name) << text;
-    return dir_ + "/" + name;
+    return qopci_test::WriteFile(dir_ + "/" + name, text);
   }
 
+  qopci_test::TempDir tmp_{"qopci_cli"};
   std::string dir_, farm_;
 };
 
@@ -70,8 +48,8 @@ TEST_F(CliTest, CopiedRowsReadBackAsTheirCsvAndAsJson) {
       "-2147483647,-127,-32767,-9223372036854775807,-1.5,-0.05,-0.0001,2013-05-17 14:30:00.250\n"
       "0,0,1,42,123456.789,0.00,201.4900,1970-01-01 00:00:00.001\n"
       ",,,,,,,\n";
-  Outcome copy = Qopci("copy --json --farm " + farm_ + " --manifest " + manifest + " --csv " +
-                       Write("in.csv", csv));
+  ToolRun copy = RunQopci("copy --json --farm " + farm_ + " --manifest " + manifest + " --csv " +
+                          Write("in.csv", csv));
   ASSERT_EQ(copy.status, 0) << copy.err;
   const nlohmann::json summary = nlohmann::json::parse(copy.out);
   EXPECT_EQ(summary["rows"], 4);
@@ -82,12 +60,12 @@ TEST_F(CliTest, CopiedRowsReadBackAsTheirCsvAndAsJson) {
   EXPECT_EQ(summary["columns"][6]["tail_bytes"], 32);
   EXPECT_TRUE(summary["columns"][6]["flags"].is_array());
 
-  Outcome back = Qopci("inspect --rows --all --format csv --farm " + farm_);
+  ToolRun back = RunQopci("inspect --rows --all --format csv --farm " + farm_);
   EXPECT_EQ(back.status, 0) << back.err;
   EXPECT_EQ(back.out, csv);
 
-  Outcome json = Qopci("inspect --farm " + farm_ +
-                       " --column q --column ts --column bi --limit 2 " + "--format json");
+  ToolRun json = RunQopci("inspect --farm " + farm_ +
+                          " --column q --column ts --column bi --limit 2 " + "--format json");
   ASSERT_EQ(json.status, 0) << json.err;
   const nlohmann::json rows = nlohmann::json::parse(json.out);
   EXPECT_EQ(rows["table"], "t");
@@ -97,7 +75,7 @@ TEST_F(CliTest, CopiedRowsReadBackAsTheirCsvAndAsJson) {
             nlohmann::json::parse(
                 R"([["99999999999999.9999", "2013-05-17 14:30:00", 9223372036854775807],
                                   ["-0.0001", "2013-05-17 14:30:00.250", -9223372036854775807]])"));
-  EXPECT_EQ(Qopci("inspect --farm " + farm_ + " --table t --column ts --limit 9").out,
+  EXPECT_EQ(RunQopci("inspect --farm " + farm_ + " --table t --column ts --limit 9").out,
             "                     ts\n"
             "    2013-05-17 14:30:00\n"
             "2013-05-17 14:30:00.250\n"
@@ -134,13 +112,13 @@ TEST_F(CliTest, ErrorsNameTheMistakeAndTheWayOut) {
       {"half-made farm", copy + farm_,
        [&] {
          fs::create_directories(farm_ + "/bat/00");
-         std::ofstream(farm_ + "/lock") << "1\n";
+         qopci_test::WriteFile(farm_ + "/lock", "1\n");
        },
        0, "", ""},
       // A user who may not write the farm: nobody when this runs as root.
       {"permission", copy + farm_ + " --json",
        [&] {
-         ASSERT_EQ(Qopci(copy + farm_).status, 0);
+         ASSERT_EQ(RunQopci(copy + farm_).status, 0);
          if (!root) fs::permissions(farm_ + "/lock", fs::perms::owner_read);
        },
        1,
@@ -157,8 +135,8 @@ TEST_F(CliTest, ErrorsNameTheMistakeAndTheWayOut) {
     if (c.prepare) c.prepare();
     const bool as_nobody = root && c.name == "permission";
     if (as_nobody && system("command -v setpriv >/dev/null") != 0) continue;
-    Outcome r =
-        Qopci(c.args, as_nobody ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "");
+    ToolRun r =
+        RunQopci(c.args, as_nobody ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "");
     EXPECT_EQ(r.status, c.status) << r.err;
     if (c.status == 0 && c.out.empty()) continue;  // a copy's summary
     EXPECT_EQ(r.out, c.out);

@@ -1,17 +1,14 @@
 // The copy command through the real plugin and kernel: what a farm holds after appends and
 // replacements, read back through the kernel and through inspect.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
-#include <tuple>
 
 #include "corvid/farm.h"
+#include "tests/support/run_tool.h"
 #include "tools/column_attributes.h"
 #include "tools/copy_command.h"
 #include "tools/inspect.h"
@@ -21,19 +18,17 @@ namespace qopci {
 namespace {
 
 namespace fs = std::filesystem;
+using qopci_test::RunQopci;
+using qopci_test::ToolRun;
+using qopci_test::WriteFile;
 
 class CopyTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/qopci_tool_copyXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    ASSERT_FALSE(dir_.empty());
     options_.farm = dir_ + "/farm";
   }
-  void TearDown() override {
-    CVDfarm_fail_commit(-1);
-    fs::remove_all(dir_);
-  }
+  void TearDown() override { CVDfarm_fail_commit(-1); }
 
   // One copy of `csv` into table t, the manifest's columns given as JSON.
   Status Copy(const std::string& columns, const std::string& csv, bool replace = false) {
@@ -63,17 +58,13 @@ class CopyTest : public ::testing::Test {
   // Every file of the farm with its bytes.
   std::map<std::string, std::string> Files() {
     std::map<std::string, std::string> files;
-    for (const auto& e : fs::recursive_directory_iterator(options_.farm)) {
-      if (!e.is_regular_file()) continue;
-      std::ifstream in(e.path(), std::ios::binary);
-      std::ostringstream bytes;
-      bytes << in.rdbuf();
-      files[e.path().string()] = bytes.str();
-    }
+    for (const auto& e : fs::recursive_directory_iterator(options_.farm))
+      if (e.is_regular_file()) files[e.path().string()] = qopci_test::ReadFile(e.path());
     return files;
   }
 
-  std::string dir_;
+  qopci_test::TempDir tmp_{"qopci_tool_copy"};
+  const std::string dir_ = tmp_.path();
   CopyOptions options_;
   std::ostringstream summary_;
 };
@@ -184,41 +175,30 @@ TEST_F(CopyTest, SerialContinuesWhereRowIdStartsAgain) {
   EXPECT_EQ(Values("x"), "t.x: 12");
 }
 
-// Runs the qopci executable with `args`; its exit status and what it printed.
-std::pair<int, std::string> RunQopci(const std::string& args) {
-  FILE* pipe = popen((std::string(QOPCI_BINARY) + " " + args + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return {-1, "popen failed"};
-  std::string output;
-  char buf[256];
-  while (fgets(buf, sizeof buf, pipe) != nullptr) output += buf;
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 TEST_F(CopyTest, InspectOnlyReadsAndASecondWriterIsRefused) {
   ASSERT_TRUE(Copy(R"({"name": "x", "type": "int"})", "x\n1\n").ok());
-  const std::string manifest = dir_ + "/m.json";
-  std::ofstream(manifest) << R"({"table": "t", "columns": [{"name": "x", "type": "int"}]})";
+  const std::string manifest =
+      WriteFile(dir_ + "/m.json", R"({"table": "t", "columns": [{"name": "x", "type": "int"}]})");
   // What an interrupted commit leaves is for the next writer to clear, not for a reader.
-  std::ofstream(options_.farm + "/catalog.new") << "partial";
+  WriteFile(options_.farm + "/catalog.new", "partial");
   const auto before = Files();
-  auto [status, output] = RunQopci("inspect --farm " + options_.farm);
-  EXPECT_EQ(status, 0) << output;
-  EXPECT_NE(output.find("\nt.x: 1\n"), std::string::npos) << output;
+  ToolRun r = RunQopci("inspect --farm " + options_.farm);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("\nt.x: 1\n"), std::string::npos) << r.out;
   EXPECT_EQ(Files(), before);
 
   // While this process writes to the farm, inspect still reads it, and copy is refused in
   // words that name the farm and this process; --verbose adds the kernel's own text.
   ASSERT_TRUE(FromKernel(CVDfarm_open(options_.farm.c_str(), 0)).ok());
-  std::tie(status, output) = RunQopci("inspect --farm " + options_.farm);
-  EXPECT_EQ(status, 0) << output;
-  std::tie(status, output) = RunQopci("copy --farm " + options_.farm + " --manifest " + manifest +
-                                      " --generate 1 --verbose");
+  EXPECT_EQ(RunQopci("inspect --farm " + options_.farm).status, 0);
+  r = RunQopci("copy --farm " + options_.farm + " --manifest " + manifest +
+               " --generate 1 --verbose");
   CVDfarm_close();
-  EXPECT_EQ(status, 1);
+  EXPECT_EQ(r.status, 1);
   const std::string why = "farm " + options_.farm + " is locked by another writer (process " +
                           std::to_string(getpid()) + ")";
-  EXPECT_EQ(output, "qopci: " + why + "\nqopci: detail: MALException:CVDfarm_open:" + why + "\n");
+  EXPECT_EQ(r.out + r.err,
+            "qopci: " + why + "\nqopci: detail: MALException:CVDfarm_open:" + why + "\n");
   EXPECT_EQ(Values("x"), "t.x: 1");
 }
 
@@ -246,17 +226,17 @@ TEST_F(CopyTest, ManifestAttributesAreCheckedAgainstTheTable) {
            "13 (string dictionary option) is not read by this version of the "
            "library; it is registered but changes nothing"},
   };
-  const std::string manifest = dir_ + "/m.json";
   for (const auto& k : cases) {
-    std::ofstream(manifest) << R"({"table": "t", )" << k.head << R"( "columns": [{)" << c
-                            << R"(, "attributes": {)" << k.attrs << "}}]}";
-    auto [status, output] =
+    const std::string manifest =
+        WriteFile(dir_ + "/m.json", R"({"table": "t", )" + k.head + R"( "columns": [{)" + c +
+                                        R"(, "attributes": {)" + k.attrs + "}}]}");
+    const ToolRun r =
         RunQopci("copy --farm " + options_.farm + " --manifest " + manifest + " --generate 3");
-    EXPECT_EQ(status, k.status) << k.attrs << output;
+    EXPECT_EQ(r.status, k.status) << k.attrs << r.err;
     if (k.status != 0)
-      EXPECT_EQ(output, "qopci: " + k.want + "\n");
+      EXPECT_EQ(r.out + r.err, "qopci: " + k.want + "\n");
     else
-      EXPECT_NE(output.find(k.want + "\n"), std::string::npos) << output;
+      EXPECT_NE(r.err.find(k.want + "\n"), std::string::npos) << r.err;
   }
   EXPECT_EQ(Values("id"), "t.id: 0, 1, 2");  // only the warned copy wrote
 }

@@ -1,12 +1,11 @@
 #include "corvid/farm.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 
+#include "tests/support/temp_dir.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 
@@ -16,16 +15,8 @@ namespace {
 // Each test works in a fresh farm directory, removed afterwards.
 class FarmTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/qopci_tool_farmXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    ASSERT_TRUE(FromKernel(CVDfarm_open(dir_.c_str(), 1)).ok());
-  }
-  void TearDown() override {
-    CVDfarm_close();
-    std::filesystem::remove_all(dir_);
-  }
+  void SetUp() override { ASSERT_TRUE(FromKernel(CVDfarm_open(dir_.c_str(), 1)).ok()); }
+  void TearDown() override { CVDfarm_close(); }
   Manifest MakeManifest(const std::string& columns) {
     Manifest m;
     Status s = ParseManifest(R"({"table": "t", "columns": [)" + columns + "]}", &m);
@@ -33,7 +24,8 @@ class FarmTest : public ::testing::Test {
     EXPECT_TRUE(s.ok()) << s.message();
     return m;
   }
-  std::string dir_;
+  qopci_test::TempDir tmp_{"qopci_tool_farm"};
+  const std::string dir_ = tmp_.path();
 };
 
 TEST_F(FarmTest, TargetsAreCreatedOnceWithTheirTypeAndCheckedOnAppend) {

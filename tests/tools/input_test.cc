@@ -1,16 +1,18 @@
 // The qopci executable on the CSV files and manifests people have: each dialect case, each
 // warning and its --strict error, each error text, with the values read back by inspect.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
 #include <sstream>
+
+#include "tests/support/run_tool.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using qopci_test::RunQopci;
+using qopci_test::ToolRun;
+using qopci_test::WriteFile;
 
 const char kIntDouble[] = R"({"table": "t", "columns": [{"name": "a", "type": "int"},
     {"name": "b", "type": "double"}]})";
@@ -24,59 +26,35 @@ struct Case {
   std::string manifest = kIntDouble;
 };
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
-
 class InputTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/qopci_tool_inputXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  // Runs qopci with `args`, its stdout and stderr kept apart; returns the exit status.
-  int Run(const std::string& args, std::string* out, std::string* err) {
-    const int status = std::system(
-        (std::string(QOPCI_BINARY) + " " + args + " >" + dir_ + "/out 2>" + dir_ + "/err").c_str());
-    *out = ReadFile(dir_ + "/out");
-    *err = ReadFile(dir_ + "/err");
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
   // Copies the case into a fresh farm and checks status, stderr and the values read back.
   void Check(const Case& c) {
     const std::string farm = dir_ + "/farm";
     fs::remove_all(farm);
-    std::ofstream(dir_ + "/in.csv", std::ios::binary) << c.csv;
-    std::ofstream(dir_ + "/m.json", std::ios::binary) << c.manifest;
-    std::string out, err;
-    const int status = Run("copy --farm " + farm + " --manifest " + dir_ + "/m.json --csv " + dir_ +
-                               "/in.csv " + c.flags,
-                           &out, &err);
-    EXPECT_EQ(status, c.status) << err;
+    const ToolRun copy =
+        RunQopci("copy --farm " + farm + " --manifest " + WriteFile(dir_ + "/m.json", c.manifest) +
+                 " --csv " + WriteFile(dir_ + "/in.csv", c.csv) + " " + c.flags);
+    EXPECT_EQ(copy.status, c.status) << copy.err;
     if (c.stderr_has.empty())
-      EXPECT_EQ(err, "");
+      EXPECT_EQ(copy.err, "");
     else
-      EXPECT_NE(err.find(c.stderr_has), std::string::npos) << err;
+      EXPECT_NE(copy.err.find(c.stderr_has), std::string::npos) << copy.err;
     if (c.values.empty()) {
       EXPECT_FALSE(fs::exists(farm)) << "a failed copy made a farm";
       return;
     }
-    ASSERT_EQ(Run("inspect --limit 100 --farm " + farm, &out, &err), 0) << err;
+    const ToolRun inspect = RunQopci("inspect --limit 100 --farm " + farm);
+    ASSERT_EQ(inspect.status, 0) << inspect.err;
     std::string values;
-    std::istringstream lines(out);
+    std::istringstream lines(inspect.out);
     for (std::string line; std::getline(lines, line);)
       if (line.rfind("t.", 0) == 0) values += (values.empty() ? "" : "\n") + line;
     EXPECT_EQ(values, c.values);
   }
 
-  std::string dir_;
+  qopci_test::TempDir tmp_{"qopci_tool_input"};
+  const std::string dir_ = tmp_.path();
 };
 
 TEST_F(InputTest, DialectsWarningsAndErrors) {

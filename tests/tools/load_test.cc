@@ -25,10 +25,8 @@ Status Load(const Manifest& m, const std::string& csv, ResultData* out) {
 }
 
 template <typename T>
-std::vector<unsigned char> Bytes(T v) {
-  std::vector<unsigned char> b(sizeof(T));
-  std::memcpy(b.data(), &v, sizeof(T));
-  return b;
+std::string Bytes(T v) {
+  return std::string(reinterpret_cast<const char*>(&v), sizeof v);
 }
 
 int64_t Ts(int y, int mo, int d, int64_t msec_of_day) {
@@ -38,8 +36,8 @@ int64_t Ts(int y, int mo, int d, int64_t msec_of_day) {
 TEST(LoadCsvTest, FieldsParseExactlyOrFailWithTheirLine) {
   const struct {
     std::string type, text;
-    std::vector<unsigned char> want;  // empty when an error is expected
-    std::string error;                // after "line 3: column \"c\": "
+    std::string want;   // the value's bytes; "" when an error is expected
+    std::string error;  // after "line 3: column \"c\": "
   } cases[] = {
       {"decimal(9,2)", "12.5", Bytes<lng>(1250), ""},
       {"decimal(9,2)", "-0.07", Bytes<lng>(-7), ""},
@@ -47,48 +45,36 @@ TEST(LoadCsvTest, FieldsParseExactlyOrFailWithTheirLine) {
       {"decimal(9,2)", "1234567.89", Bytes<lng>(123456789), ""},
       {"decimal(18,0)", "-999999999999999999", Bytes<lng>(-999999999999999999), ""},
       {"decimal(9,2)", "", Bytes<lng>(lng_nil), ""},
-      {"decimal(9,2)",
-       "12.345",
-       {},
+      {"decimal(9,2)", "12.345", "",
        "malformed number \"12.345\" for decimal(9,2) (more than 2 digits after the point)"},
-      {"decimal(9,2)",
-       "12345678.9",
-       {},
+      {"decimal(9,2)", "12345678.9", "",
        "malformed number \"12345678.9\" for decimal(9,2) (more than 9 digits)"},
-      {"decimal(9,2)",
-       "1e3",
-       {},
+      {"decimal(9,2)", "1e3", "",
        "malformed number \"1e3\" for decimal(9,2) (not a decimal number)"},
-      {"decimal(9,2)", "-", {}, "malformed number \"-\" for decimal(9,2) (not a decimal number)"},
+      {"decimal(9,2)", "-", "", "malformed number \"-\" for decimal(9,2) (not a decimal number)"},
       {"timestamp", "2013-01-01 00:00:00", Bytes<lng>(Ts(2013, 1, 1, 0)), ""},
       {"timestamp", "2013-01-02 09:30:00.093", Bytes<lng>(Ts(2013, 1, 2, 34200093)), ""},
       {"timestamp", "", Bytes<lng>(lng_nil), ""},
-      {"timestamp",
-       "2013-13-01 00:00:00",
-       {},
+      {"timestamp", "2013-13-01 00:00:00", "",
        "malformed timestamp \"2013-13-01 00:00:00\" (expected YYYY-MM-DD HH:MM:SS[.mmm])"},
       {"int", "-2147483647", Bytes<int>(-2147483647), ""},
       {"int", "", Bytes<int>(int_nil), ""},
-      {"int",
-       "-2147483648",
-       {},
+      {"int", "-2147483648", "",
        "malformed number \"-2147483648\" for int (out of range -2147483647 to 2147483647)"},
-      {"int", "12x", {}, "malformed number \"12x\" for int (not an integer)"},
+      {"int", "12x", "", "malformed number \"12x\" for int (not an integer)"},
       {"tinyint", "127", Bytes<bte>(127), ""},
-      {"tinyint", "128", {}, "malformed number \"128\" for tinyint (out of range -127 to 127)"},
+      {"tinyint", "128", "", "malformed number \"128\" for tinyint (out of range -127 to 127)"},
       {"smallint", "", Bytes<sht>(sht_nil), ""},
       {"bigint", "9223372036854775807", Bytes<lng>(INT64_MAX), ""},
       {"double", "0.5", Bytes<dbl>(0.5), ""},
       {"double", "", Bytes<dbl>(dbl_nil), ""},
-      {"double", "abc", {}, "malformed number \"abc\" for double (not a number)"},
+      {"double", "abc", "", "malformed number \"abc\" for double (not a number)"},
       {"double", "2.2250738585072009e-308", Bytes<dbl>(2.2250738585072009e-308), ""},
-      {"double",
-       "1e309",
-       {},
+      {"double", "1e309", "",
        "malformed number \"1e309\" for double (beyond the largest double; write inf for "
        "infinity)"},
-      {"double", "1.5e", {}, "malformed number \"1.5e\" for double (not a number)"},
-      {"double", "nan(1)", {}, "malformed number \"nan(1)\" for double (not a number)"},
+      {"double", "1.5e", "", "malformed number \"1.5e\" for double (not a number)"},
+      {"double", "nan(1)", "", "malformed number \"nan(1)\" for double (not a number)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.type + " \"" + c.text + "\"");
@@ -103,9 +89,8 @@ TEST(LoadCsvTest, FieldsParseExactlyOrFailWithTheirLine) {
     ASSERT_TRUE(s.ok()) << s.message();
     ASSERT_EQ(data.rows, 2u);
     ASSERT_EQ(data.columns.size(), 1u);  // the rowid column has no result values
-    std::vector<unsigned char> last(data.columns[0].values.end() - c.want.size(),
-                                    data.columns[0].values.end());
-    EXPECT_EQ(last, c.want);
+    const auto& values = data.columns[0].values;
+    EXPECT_EQ(std::string(values.end() - c.want.size(), values.end()), c.want);
   }
 }
 

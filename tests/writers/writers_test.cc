@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <list>
 #include <memory>
 #include <string>
@@ -13,6 +12,7 @@
 
 #include "gtest/gtest.h"
 #include "queue/concurrent_queue.h"
+#include "tests/support/temp_dir.h"
 #include "writers/dict_bat_writer.h"
 #include "writers/mmf/mmf_fault.h"
 #include "writers/simple_type_bat_writer.h"
@@ -20,6 +20,9 @@
 
 namespace qopci {
 namespace {
+
+using qopci_test::ReadFile;
+using qopci_test::WriteFile;
 
 std::atomic<int> g_destroyed{0};  // chunks of different writers die on different workers
 
@@ -38,29 +41,18 @@ struct CountedChunk : SimpleTypeChunk<T> {
 class WritersTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/writers_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    ASSERT_FALSE(dir_.empty());
     g_destroyed = 0;
   }
-  void TearDown() override {
-    MMFInjectFailure(0);
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { MMFInjectFailure(0); }
   std::string Path(const char* name) { return dir_ + "/" + name; }
-  static std::string Get(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  static void Put(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
   template <typename T>
   static std::string Bytes(std::vector<T> v) {
     return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(T));
   }
 
-  std::string dir_;
+  qopci_test::TempDir tmp_{"writers_test_"};
+  const std::string dir_ = tmp_.path();
 };
 
 TEST_F(WritersTest, FixedWidthTailsAppendExactly) {
@@ -84,7 +76,7 @@ TEST_F(WritersTest, FixedWidthTailsAppendExactly) {
     for (const Case& c : cases) {
       SCOPED_TRACE(testing::Message() << c.name << (queued ? ", queued" : ", direct"));
       std::string path = Path("tail");
-      Put(path, before);
+      WriteFile(path, before);
       g_destroyed = 0;
       ConcurrentQueue queue(nullptr, 2);
       SimpleTypeBATWriter<int> w(path.c_str(), c.keep, c.existing);
@@ -99,7 +91,7 @@ TEST_F(WritersTest, FixedWidthTailsAppendExactly) {
       EXPECT_EQ(w.GetTailSize(), c.expected.size());
       w.Close();
       EXPECT_EQ(w.GetTailMappedSize(), c.expected.size());
-      EXPECT_TRUE(Get(path) == c.expected);
+      EXPECT_TRUE(ReadFile(path) == c.expected);
     }
   }
 }
@@ -111,9 +103,9 @@ TEST_F(WritersTest, DictionaryWriterFiles) {
       std::filesystem::remove_all(dir_);
       std::filesystem::create_directory(dir_);
       std::string keys = Path("keys"), key_codes = Path("key_codes"), codes = Path("codes");
-      Put(keys, Bytes<int64_t>({100, 200}));
-      Put(key_codes, Bytes<unsigned>({1, 2}));
-      Put(codes, Bytes<unsigned>({1, 2, 2, 99}));  // three rows count; the fourth goes
+      WriteFile(keys, Bytes<int64_t>({100, 200}));
+      WriteFile(key_codes, Bytes<unsigned>({1, 2}));
+      WriteFile(codes, Bytes<unsigned>({1, 2, 2, 99}));  // three rows count; the fourth goes
       g_destroyed = 0;
       ConcurrentQueue queue(nullptr, 3);
       SimpleTypeDictWriter<int64_t, unsigned, unsigned> w(
@@ -143,11 +135,11 @@ TEST_F(WritersTest, DictionaryWriterFiles) {
       }
       EXPECT_EQ(w.GetValueWidth(), with_codes ? 4u : 0u);
       w.Close();
-      EXPECT_TRUE(Get(keys) == Bytes<int64_t>({100, 200, 300, 301}));
-      EXPECT_TRUE(Get(key_codes) == Bytes<unsigned>({1, 2, 3, 4}));
+      EXPECT_TRUE(ReadFile(keys) == Bytes<int64_t>({100, 200, 300, 301}));
+      EXPECT_TRUE(ReadFile(key_codes) == Bytes<unsigned>({1, 2, 3, 4}));
       std::string want_codes = with_codes ? Bytes<unsigned>({1, 2, 2, 3, 1, 3, 4, 1, 4})
                                           : Bytes<unsigned>({1, 2, 2, 99});
-      EXPECT_TRUE(Get(codes) == want_codes);
+      EXPECT_TRUE(ReadFile(codes) == want_codes);
     }
   }
 }
@@ -201,14 +193,14 @@ TEST_F(WritersTest, WorkItemErrorsAndChunkOwnership) {
       }
       EXPECT_EQ(g_destroyed, 1);
       w.Close();
-      EXPECT_EQ(Get(path), c.code == 0 ? Bytes<short>({1, 2}) : "");
+      EXPECT_EQ(ReadFile(path), c.code == 0 ? Bytes<short>({1, 2}) : "");
     }
   }
 }
 
 TEST_F(WritersTest, MaxPendingIsAHundredthOfFreeMemoryInChunks) {
   std::string meminfo = Path("meminfo");
-  Put(meminfo, "MemTotal:       16000000 kB\nMemAvailable:    8388608 kB\n");
+  WriteFile(meminfo, "MemTotal:       16000000 kB\nMemAvailable:    8388608 kB\n");
   EXPECT_EQ(MemAvailableFrom(meminfo.c_str()), 8ull << 30);
   EXPECT_EQ(MemAvailableFrom(Path("missing").c_str()), 0u);
   struct Case {
