@@ -208,8 +208,7 @@ bool CheckSourceFile(CIManager& m, const char* file, int64_t count, uint32_t wid
     m.ReportDetail("ReaderFactory", "Source file %s cannot be read", file);
     return false;
   }
-  const uint64_t need = static_cast<uint64_t>(count) * width;
-  if (static_cast<uint64_t>(st.st_size) < need) {
+  if (static_cast<uint64_t>(count) > static_cast<uint64_t>(st.st_size) / width) {
     m.ReportDetail(
         "ReaderFactory", "Source file %s holds %llu bytes, fewer than its %llu rows need", file,
         static_cast<unsigned long long>(st.st_size), static_cast<unsigned long long>(count));

@@ -1,7 +1,5 @@
 #include "readers/string_reader.h"
 
-#include <cstring>
-
 #include "corvid/strheap.h"
 
 namespace qopci {
@@ -11,20 +9,11 @@ namespace {
 constexpr char kStringReader[] = "StringReader";
 constexpr char kStringDictReader[] = "StringDictReader";
 
-std::unique_ptr<char[]> Copy(const char* s) {
-  std::unique_ptr<char[]> copy(new char[std::strlen(s) + 1]);
-  std::strcpy(copy.get(), s);
-  return copy;
-}
-
 }  // namespace
 
 StringReader::StringReader(const char* heap_file, const char* tail_file, uint32_t tail_width,
                            uint64_t requested_size, uint64_t heap_size)
     : BATReader<char*>(requested_size),
-      heap_file_(Copy(heap_file)),
-      heap_size_(heap_size),
-      tail_file_(Copy(tail_file)),
       tail_width_(tail_width),
       heap_(new MMFStringByteReader(heap_file, heap_size)),
       tail_(new StringTailReader(tail_file, tail_width, requested_size)) {}

@@ -55,9 +55,6 @@ class StringReader : public BATReader<char*> {
   bool Step(TextLog* log);
   uint32_t HeapPosition(uint32_t v) const;
 
-  std::unique_ptr<char[]> heap_file_;
-  uint64_t heap_size_;  // handed to the heap reader
-  std::unique_ptr<char[]> tail_file_;
   uint32_t tail_width_;
   std::unique_ptr<MMFStringByteReader> heap_;
   std::unique_ptr<StringTailReader> tail_;

@@ -6,7 +6,6 @@
 #include <climits>
 #include <cstdint>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,15 @@
 
 namespace qopci_test {
 namespace {
+
+// Attributes 43 to 49 of a generated column: strings for 43, 46 and 48, 64-bit
+// integers for 44 and 47, ints for 45 and 49.
+struct Attr {
+  int number;
+  std::string text;
+  int64_t value;
+};
+using Attrs = std::vector<Attr>;
 
 class GeneratedColumnTest : public FarmTest {
  public:
@@ -38,11 +46,21 @@ class GeneratedColumnTest : public FarmTest {
     return CVDbat_filename(b, "theap", buf, sizeof buf);
   }
   int Width(bat b) { return BBPgetdesc(b)->twidth; }
-  // An int target "name" whose values come from source `kind`; `attrs` adds 43 to 49.
-  void Generated(const std::string& name, int kind) {
-    Fixed(name, Target(name.c_str(), TYPE_int), 0, true, 3, kind);
-  }
+  // An int target `name` whose values come from source `kind` with the given attributes.
+  void Generated(const std::string& name, int kind, const Attrs& attrs);
 };
+
+void GeneratedColumnTest::Generated(const std::string& name, int kind, const Attrs& attrs) {
+  Fixed(name, Target(name.c_str(), TYPE_int), 0, true, 3, kind);
+  for (const Attr& a : attrs) {
+    if (a.number == 43 || a.number == 46 || a.number == 48)
+      AttrStr(name, a.number, a.text);
+    else if (a.number == 44 || a.number == 47)
+      AttrLng(name, a.number, a.value);
+    else
+      AttrInt(name, a.number, static_cast<int>(a.value));
+  }
+}
 
 TEST_F(GeneratedColumnTest, EverySourceKindFillsAnIntColumn) {
   // The library's own export of an int column is the source of kind 2.
@@ -54,64 +72,34 @@ TEST_F(GeneratedColumnTest, EverySourceKindFillsAnIntColumn) {
   bat dict = Strings("dict", {"100", "200", "300"});
   const std::string values = File<int>("values", {11, 22, 33});
   const std::string codes = File<unsigned int>("codes", {3, 1, 1, 2});
-
   struct Case {
     const char* name;
     int kind;
-    std::function<void(const std::string&)> attrs;
+    Attrs attrs;
     std::vector<int> expected;
   } cases[] = {
-      {"plain", 2,
-       [&](const std::string& c) {
-         AttrStr(c, 43, TailFile(a));
-         AttrLng(c, 44, 5);
-         AttrInt(c, 45, 0);
-       },
-       source},
-      {"first_rows",
-       2,
-       [&](const std::string& c) {
-         AttrStr(c, 43, TailFile(a));
-         AttrLng(c, 44, 2);
-         AttrInt(c, 45, 0);
-       },
-       {5, -3}},
+      {"plain", 2, {{43, TailFile(a), 0}, {44, "", 5}, {45, "", 0}}, source},
+      {"first_rows", 2, {{43, TailFile(a), 0}, {44, "", 2}, {45, "", 0}}, {5, -3}},
       {"dictionary",
        3,
-       [&](const std::string& c) {
-         AttrStr(c, 43, codes);
-         AttrLng(c, 44, 4);
-         AttrInt(c, 45, 0);
-         AttrStr(c, 46, values);
-         AttrLng(c, 47, 3);
-       },
+       {{43, codes, 0}, {44, "", 4}, {45, "", 0}, {46, values, 0}, {47, "", 3}},
        {33, 11, 11, 22}},
       {"strings",
        4,
-       [&](const std::string& c) {
-         AttrStr(c, 43, TailFile(text));
-         AttrLng(c, 44, 4);
-         AttrStr(c, 48, HeapFile(text));
-         AttrInt(c, 49, Width(text));
-       },
+       {{43, TailFile(text), 0}, {44, "", 4}, {48, HeapFile(text), 0}, {49, "", Width(text)}},
        {12, -7, INT_MIN, 40}},
       {"string_dictionary",
        5,
-       [&](const std::string& c) {
-         AttrStr(c, 43, codes);
-         AttrLng(c, 44, 4);
-         AttrStr(c, 46, TailFile(dict));
-         AttrLng(c, 47, 3);
-         AttrStr(c, 48, HeapFile(dict));
-         AttrInt(c, 49, Width(dict));
-       },
+       {{43, codes, 0},
+        {44, "", 4},
+        {46, TailFile(dict), 0},
+        {47, "", 3},
+        {48, HeapFile(dict), 0},
+        {49, "", Width(dict)}},
        {300, 100, 100, 200}},
   };
   // All generated columns in one export beside one result column.
-  for (const Case& c : cases) {
-    Generated(c.name, c.kind);
-    c.attrs(c.name);
-  }
+  for (const Case& c : cases) Generated(c.name, c.kind, c.attrs);
   ASSERT_EQ(Export(Result({{"unused", Column<int>(TYPE_int, {1})}}, DenseOrder(1))), "");
   Reopen();
   for (const Case& c : cases) EXPECT_EQ(Read<int>(c.name), c.expected) << c.name;
@@ -119,62 +107,31 @@ TEST_F(GeneratedColumnTest, EverySourceKindFillsAnIntColumn) {
 
 TEST_F(GeneratedColumnTest, BadSourcesAreRefusedWithTheirReason) {
   const std::string ints = File<int>("ints", {1, 2});
+  const std::string none = dir_ + "/none";
   struct Case {
     int kind;
-    std::function<void(const std::string&)> attrs;
+    Attrs attrs;
     std::string error;
   } cases[] = {
-      {2,
-       [&](const std::string& c) {
-         AttrStr(c, 43, ints);
-         AttrLng(c, 44, 2);
-         AttrInt(c, 45, 9);
-       },
-       "Simple Type Writer not supported"},
+      {2, {{43, ints, 0}, {44, "", 2}, {45, "", 9}}, "Simple Type Writer not supported"},
       {3,
-       [&](const std::string& c) {
-         AttrStr(c, 43, ints);
-         AttrLng(c, 44, 2);
-         AttrInt(c, 45, -1);
-         AttrStr(c, 46, ints);
-         AttrLng(c, 47, 2);
-       },
+       {{43, ints, 0}, {44, "", 2}, {45, "", -1}, {46, ints, 0}, {47, "", 2}},
        "Simple Type Writer not supported"},
       {2,
-       [&](const std::string& c) {
-         AttrStr(c, 43, ints);
-         AttrLng(c, 44, 3);
-         AttrInt(c, 45, 0);
-       },
+       {{43, ints, 0}, {44, "", 3}, {45, "", 0}},
        "Source file " + ints + " holds 8 bytes, fewer than its 3 rows need"},
-      {2,
-       [&](const std::string& c) {
-         AttrStr(c, 43, dir_ + "/none");
-         AttrLng(c, 44, 1);
-         AttrInt(c, 45, 0);
-       },
-       "Source file " + dir_ + "/none cannot be read"},
+      {2, {{43, none, 0}, {44, "", 1}, {45, "", 0}}, "Source file " + none + " cannot be read"},
       {4,
-       [&](const std::string& c) {
-         AttrStr(c, 43, ints);
-         AttrLng(c, 44, 1);
-         AttrStr(c, 48, ints);
-         AttrInt(c, 49, 3);
-       },
+       {{43, ints, 0}, {44, "", 1}, {48, ints, 0}, {49, "", 3}},
        "String tail width 3 not supported"},
       {4,
-       [&](const std::string& c) {
-         AttrStr(c, 43, ints);
-         AttrLng(c, 44, 1);
-         AttrInt(c, 49, 4);
-       },
+       {{43, ints, 0}, {44, "", 1}, {49, "", 4}},
        "GET_COL_ATTR : Column attribute 48 not found at line 1218"},
   };
   int n = 0;
   for (const Case& c : cases) {
     std::string name = "bad" + std::to_string(n++);
-    Generated(name, c.kind);
-    c.attrs(name);
+    Generated(name, c.kind, c.attrs);
     EXPECT_THAT(Export(Result({{"unused", Column<int>(TYPE_int, {1})}}, DenseOrder(1))),
                 ::testing::HasSubstr(c.error))
         << name;
