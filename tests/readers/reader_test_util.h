@@ -3,43 +3,31 @@
 #ifndef QOPCI_TESTS_READERS_READER_TEST_UTIL_H_
 #define QOPCI_TESTS_READERS_READER_TEST_UTIL_H_
 
-#include <stdlib.h>
-
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "readers/text_log.h"
+#include "tests/support/temp_dir.h"
 
 namespace qopci {
 
 class ReaderTest : public ::testing::Test {
  public:
-  void SetUp() override {
-    char tmpl[] = "/tmp/readers_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
+  void SetUp() override { ASSERT_FALSE(dir_.empty()); }
 
-  // Writes bytes to dir/name and returns the path.
+  // Writes bytes (or values) to dir/name and returns the path.
   std::string Put(const std::string& name, const std::string& bytes) {
-    std::string path = dir_ + "/" + name;
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
+    return qopci_test::WriteFile(dir_ + "/" + name, bytes);
   }
   template <typename T>
   std::string PutValues(const std::string& name, const std::vector<T>& values) {
-    std::string bytes(values.size() * sizeof(T), '\0');
-    if (!values.empty()) std::memcpy(bytes.data(), values.data(), bytes.size());
-    return Put(name, bytes);
+    return Put(
+        name, std::string(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(T)));
   }
-  uintmax_t SizeOf(const std::string& path) { return std::filesystem::file_size(path); }
 
-  std::string dir_;
+  qopci_test::TempDir tmp_{"readers_test_"};
+  const std::string dir_ = tmp_.path();
 };
 
 // A TextLog over its own buffer.

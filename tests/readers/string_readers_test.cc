@@ -217,7 +217,7 @@ TEST_F(StringsTest, StringReadsStopAtTheFileEnd) {
       }
     }
     r.Close();
-    EXPECT_EQ(SizeOf(path), file.size());
+    EXPECT_EQ(qopci_test::ReadFile(path), file) << "reading changed the file";
   }
 }
 
