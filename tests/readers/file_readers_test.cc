@@ -1,8 +1,6 @@
 // Readers of fixed-width column files and string tails, and the TextLog they write into.
 #include <cstdint>
-#include <functional>
-#include <limits>
-#include <memory>
+#include <filesystem>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -17,6 +15,8 @@
 
 namespace qopci {
 namespace {
+
+constexpr uint64_t kAll = MMF::kNoRequestedSize;
 
 TEST(TextLogTest, AppendsCutsAndStopsWhenFull) {
   struct Case {
@@ -63,183 +63,114 @@ auto ReadAll(R& r, OwnedLog* log) {
 TEST_F(FixedTest, WalksFilesOfEverySize) {
   std::vector<int> big(20000);  // 80000 bytes: the walk crosses into a second span
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<int>(i * 7 - 3);
+  // Each case holds the first `count` values of big and then `extra` bytes.
   struct Case {
     const char* what;
-    std::vector<int> values;
-    std::string extra;   // bytes after the values
-    uint64_t requested;  // MMF::kNoRequestedSize for the whole file
+    size_t count;
+    std::string extra;
+    uint64_t requested;
     bool whole;
     size_t expect_count;  // leading values expected
-    const char* log;
   } cases[] = {
-      {"empty",
-       {},
-       "",
-       MMF::kNoRequestedSize,
-       false,
-       0,
-       "SimpleTypeBATReader<int>::Read() failed, capacity == 0."},
-      {"one",
-       {42},
-       "",
-       MMF::kNoRequestedSize,
-       false,
-       1,
-       "SimpleTypeBATReader<int>::Read() failed to forward cursor."},
-      {"two spans", big, "", MMF::kNoRequestedSize, false, big.size(),
-       "SimpleTypeBATReader<int>::Read() failed to forward cursor."},
-      {"whole file", big, "", MMF::kNoRequestedSize, true, big.size(),
-       "SimpleTypeBATReader<int>::Read() failed to forward cursor."},
-      {"requested size cuts", big, "", 4 * 16390, false, 16390,
-       "SimpleTypeBATReader<int>::Read() failed to forward cursor."},
-      {"partial last element",
-       {1, 2},
-       "ab",
-       MMF::kNoRequestedSize,
-       false,
-       2,
-       "SimpleTypeBATReader<int>::Read() failed to forward cursor."},
-      {"requested zero",
-       {5},
-       "",
-       0,
-       false,
-       0,
-       "SimpleTypeBATReader<int>::Read() failed to forward cursor."},
+      {"empty", 0, "", kAll, false, 0},
+      {"one", 1, "", kAll, false, 1},
+      {"two spans", big.size(), "", kAll, false, big.size()},
+      {"whole file", big.size(), "", kAll, true, big.size()},
+      {"requested size cuts", big.size(), "", 4 * 16390, false, 16390},
+      {"partial last element", 2, "ab", kAll, false, 2},
+      {"requested zero", 1, "", 0, false, 0},
   };
   for (const Case& c : cases) {
-    std::string bytes(reinterpret_cast<const char*>(c.values.data()), c.values.size() * 4);
-    std::string path = Put("t", bytes + c.extra);
+    std::string bytes(reinterpret_cast<const char*>(big.data()), c.count * 4);
+    bytes += c.extra;
+    std::string path = Put("t", bytes);
     SimpleTypeBATReader<int> r(path.c_str(), c.requested);
     if (c.whole) r.SetWholeFile();
     OwnedLog log;
-    std::vector<int> got = ReadAll(r, &log);
-    std::vector<int> want(c.values.begin(), c.values.begin() + c.expect_count);
-    EXPECT_EQ(got, want) << c.what;
-    EXPECT_EQ(log.Text(), c.log) << c.what;
-    EXPECT_EQ(r.IsEmpty(), bytes.empty() && c.extra.empty()) << c.what;
-    EXPECT_EQ(qopci_test::ReadFile(path), bytes + c.extra) << "reading changed the file " << c.what;
+    EXPECT_EQ(ReadAll(r, &log), std::vector<int>(big.begin(), big.begin() + c.expect_count))
+        << c.what;
+    EXPECT_EQ(log.Text(), bytes.empty()
+                              ? "SimpleTypeBATReader<int>::Read() failed, capacity == 0."
+                              : "SimpleTypeBATReader<int>::Read() failed to forward cursor.")
+        << c.what;
+    EXPECT_EQ(r.IsEmpty(), bytes.empty()) << c.what;
+    EXPECT_EQ(qopci_test::ReadFile(path), bytes) << "reading changed the file " << c.what;
   }
+}
+
+// Initializes a SimpleTypeBATReader<T> over a missing file: it fails, logging its name.
+template <typename T>
+void ExpectMissing(const std::string& missing, const std::string& name, uint32_t width) {
+  SimpleTypeBATReader<T> r(missing.c_str(), kAll);
+  OwnedLog log;
+  EXPECT_FALSE(r.Initialize(&log.log)) << name;
+  EXPECT_EQ(log.Text(), name + "::Initialize failed to initialize reader.");
+  EXPECT_EQ(r.ElementWidth(), width) << name;
 }
 
 TEST_F(FixedTest, EveryInstanceLogsWithItsNameAndWidth) {
   std::string missing = dir_ + "/missing";
-  struct Instance {
-    const char* name;
-    uint32_t width;
-    std::function<bool(TextLog*, uint32_t*)> init;  // Initialize over the missing file
-  };
-  auto make = [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    return [&](TextLog* log, uint32_t* width) {
-      SimpleTypeBATReader<T> r(missing.c_str(), MMF::kNoRequestedSize);
-      *width = r.ElementWidth();
-      return r.Initialize(log);
-    };
-  };
-  Instance instances[] = {
-      {"SimpleTypeBATReader<char>", 1, make(std::type_identity<char>{})},
-      {"SimpleTypeBATReader<unsigned char>", 1, make(std::type_identity<unsigned char>{})},
-      {"SimpleTypeBATReader<short>", 2, make(std::type_identity<short>{})},
-      {"SimpleTypeBATReader<unsigned short>", 2, make(std::type_identity<unsigned short>{})},
-      {"SimpleTypeBATReader<int>", 4, make(std::type_identity<int>{})},
-      {"SimpleTypeBATReader<unsigned int>", 4, make(std::type_identity<unsigned int>{})},
-      {"SimpleTypeBATReader<__int64>", 8, make(std::type_identity<int64_t>{})},
-      {"SimpleTypeBATReader<unsigned __int64>", 8, make(std::type_identity<uint64_t>{})},
-      {"SimpleTypeBATReader<double>", 8, make(std::type_identity<double>{})},
-  };
-  for (const Instance& i : instances) {
-    OwnedLog log;
-    uint32_t width = 0;
-    EXPECT_FALSE(i.init(&log.log, &width)) << i.name;
-    EXPECT_EQ(log.Text(), std::string(i.name) + "::Initialize failed to initialize reader.");
-    EXPECT_EQ(width, i.width) << i.name;
-  }
+  ExpectMissing<char>(missing, "SimpleTypeBATReader<char>", 1);
+  ExpectMissing<unsigned char>(missing, "SimpleTypeBATReader<unsigned char>", 1);
+  ExpectMissing<short>(missing, "SimpleTypeBATReader<short>", 2);
+  ExpectMissing<unsigned short>(missing, "SimpleTypeBATReader<unsigned short>", 2);
+  ExpectMissing<int>(missing, "SimpleTypeBATReader<int>", 4);
+  ExpectMissing<unsigned int>(missing, "SimpleTypeBATReader<unsigned int>", 4);
+  ExpectMissing<int64_t>(missing, "SimpleTypeBATReader<__int64>", 8);
+  ExpectMissing<uint64_t>(missing, "SimpleTypeBATReader<unsigned __int64>", 8);
+  ExpectMissing<double>(missing, "SimpleTypeBATReader<double>", 8);
   EXPECT_FALSE(std::filesystem::exists(missing)) << "a reader created its file";
 }
 
 TEST_F(FixedTest, ValuesOfEachTypeAndSetValue) {
   std::string path = PutValues<double>("d", {1.5, -2.25, 1e300});
-  SimpleTypeBATReader<double> r(path.c_str(), MMF::kNoRequestedSize);
+  SimpleTypeBATReader<double> r(path.c_str(), kAll);
   OwnedLog log;
   EXPECT_EQ(ReadAll(r, &log), (std::vector<double>{1.5, -2.25, 1e300}));
-
+  // SetValue writes through to the file.
   path = PutValues<int64_t>("l", {INT64_MIN, 7, INT64_MAX});
-  SimpleTypeBATReader<int64_t> l(path.c_str(), MMF::kNoRequestedSize);
-  ASSERT_TRUE(l.Open());
-  ASSERT_TRUE(l.Read());
-  ASSERT_TRUE(l.Read());
+  SimpleTypeBATReader<int64_t> l(path.c_str(), kAll);
+  ASSERT_TRUE(l.Open() && l.Read() && l.Read());
   l.SetValue(-9);
   EXPECT_EQ(l.GetValue(), -9);
   l.Close();
-  SimpleTypeBATReader<int64_t> again(path.c_str(), MMF::kNoRequestedSize);
+  SimpleTypeBATReader<int64_t> again(path.c_str(), kAll);
   EXPECT_EQ(ReadAll(again, &log), (std::vector<int64_t>{INT64_MIN, -9, INT64_MAX}));
 }
 
 using DictTest = ReaderTest;
 
-// Reads a dictionary-coded column row by row through SimpleTypeDictReader<T,U>.
+// Decodes a dictionary-coded column row by row through SimpleTypeDictReader<T,U> and checks
+// the rows and the element width, which is the code width.
 template <typename T, typename U>
-std::vector<T> DecodeAll(const std::string& values, const std::string& codes, uint32_t* width) {
-  SimpleTypeDictReader<T, U> r(values.c_str(), MMF::kNoRequestedSize,
-                               new SimpleTypeBATReader<U>(codes.c_str(), MMF::kNoRequestedSize));
-  *width = r.ElementWidth();
+void ExpectDecodes(ReaderTest* t, const std::string& values, const std::vector<U>& codes,
+                   const std::vector<T>& expected) {
+  std::string code_file = t->PutValues("c", codes);
+  SimpleTypeDictReader<T, U> r(values.c_str(), kAll,
+                               new SimpleTypeBATReader<U>(code_file.c_str(), kAll));
+  EXPECT_EQ(r.ElementWidth(), sizeof(U));
   std::vector<T> out;
-  if (!r.Open()) return out;
-  while (r.Read()) out.push_back(r.GetValue());
-  r.Close();
-  return out;
+  if (r.Open()) {
+    while (r.Read()) out.push_back(r.GetValue());
+    r.Close();
+  }
+  EXPECT_EQ(out, expected);
 }
 
 TEST_F(DictTest, CodesNumberTheDictionaryFromOne) {
-  struct Case {
-    const char* what;
-    std::function<bool(uint32_t*)> run;  // true when the decoded rows are as expected
-    uint32_t width;
-  } cases[] = {
-      {"int codes",
-       [&](uint32_t* w) {
-         return DecodeAll<int, int>(PutValues<int>("v", {10, 20, 30}),
-                                    PutValues<int>("c", {1, 3, 2, 3, 1}),
-                                    w) == std::vector<int>{10, 30, 20, 30, 10};
-       },
-       4},
-      {"64-bit values, 32-bit codes",
-       [&](uint32_t* w) {
-         return DecodeAll<int64_t, unsigned int>(PutValues<int64_t>("v", {INT64_MIN, 5}),
-                                                 PutValues<unsigned int>("c", {2, 1}),
-                                                 w) == std::vector<int64_t>{5, INT64_MIN};
-       },
-       4},
-      {"byte codes past 127",
-       [&](uint32_t* w) {
-         std::vector<unsigned char> values(200);
-         for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<unsigned char>(i);
-         return DecodeAll<unsigned char, char>(PutValues("v", values),
-                                               PutValues<char>("c", {1, char(200), char(128)}),
-                                               w) == std::vector<unsigned char>{0, 199, 127};
-       },
-       1},
-      {"dictionary across two spans",
-       [&](uint32_t* w) {
-         std::vector<double> values(10000);  // 80000 bytes
-         for (size_t i = 0; i < values.size(); ++i) values[i] = i * 0.5;
-         return DecodeAll<double, unsigned int>(PutValues("v", values),
-                                                PutValues<unsigned int>("c", {10000, 1, 8193}),
-                                                w) == std::vector<double>{4999.5, 0, 4096};
-       },
-       4},
-      {"empty code file",
-       [&](uint32_t* w) {
-         return DecodeAll<short, short>(PutValues<short>("v", {1}), Put("c", ""), w).empty();
-       },
-       2},
-  };
-  for (const Case& c : cases) {
-    uint32_t width = 0;
-    EXPECT_TRUE(c.run(&width)) << c.what;
-    EXPECT_EQ(width, c.width) << c.what;
-  }
+  ExpectDecodes<int, int>(this, PutValues<int>("v", {10, 20, 30}), {1, 3, 2, 3, 1},
+                          {10, 30, 20, 30, 10});
+  ExpectDecodes<int64_t, unsigned int>(this, PutValues<int64_t>("v", {INT64_MIN, 5}), {2, 1},
+                                       {5, INT64_MIN});
+  std::vector<unsigned char> bytes(200);  // byte codes past 127
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i);
+  ExpectDecodes<unsigned char, char>(this, PutValues("v", bytes), {1, char(200), char(128)},
+                                     {0, 199, 127});
+  std::vector<double> doubles(10000);  // 80000 bytes: a dictionary across two spans
+  for (size_t i = 0; i < doubles.size(); ++i) doubles[i] = i * 0.5;
+  ExpectDecodes<double, unsigned int>(this, PutValues("v", doubles), {10000, 1, 8193},
+                                      {4999.5, 0, 4096});
+  ExpectDecodes<short, short>(this, PutValues<short>("v", {1}), {}, {});
 }
 
 TEST_F(DictTest, OpenOrderAndTheValuesWalk) {
@@ -249,9 +180,9 @@ TEST_F(DictTest, OpenOrderAndTheValuesWalk) {
   // Missing values file: the code file is never opened; missing code file: false.
   for (const std::string& v : {missing, values}) {
     DictBATReader<double, unsigned int> r(
-        v.c_str(), MMF::kNoRequestedSize,
+        v.c_str(), kAll,
         new SimpleTypeBATReader<unsigned int>(v == missing ? codes.c_str() : missing.c_str(),
-                                              MMF::kNoRequestedSize));
+                                              kAll));
     OwnedLog log;
     EXPECT_FALSE(r.Initialize(&log.log));
     EXPECT_EQ(log.Text(), "SimpleTypeBATReader<double>::Initialize failed to initialize reader.");
@@ -266,8 +197,7 @@ TEST_F(DictTest, OpenOrderAndTheValuesWalk) {
   SimpleTypeDictReader<double, unsigned int> rows(
       values.c_str(), 16, new SimpleTypeBATReader<unsigned int>(codes.c_str(), 12));
   ASSERT_TRUE(rows.Initialize(&log.log));
-  EXPECT_TRUE(rows.Read(&log.log));
-  EXPECT_TRUE(rows.Read(&log.log));
+  EXPECT_TRUE(rows.Read(&log.log) && rows.Read(&log.log));
   EXPECT_FALSE(rows.Read(&log.log));  // two values; the code file has three rows
   EXPECT_EQ(rows.Position(), 8u);
   EXPECT_TRUE(rows.Read());  // the code file is still on its first row
@@ -292,7 +222,6 @@ TEST_F(TailTest, ReadsEveryWidthAsLow32Bits) {
     for (uint64_t e : c.entries) bytes.append(reinterpret_cast<const char*>(&e), c.width);
     std::string path = Put("tail", bytes);
     StringTailReader r(path.c_str(), c.width, bytes.size());
-    EXPECT_EQ(r.ElementWidth(), c.width);
     OwnedLog log;
     ASSERT_TRUE(r.Initialize(&log.log));
     std::vector<uint32_t> got;
@@ -307,20 +236,12 @@ TEST_F(TailTest, ReadsEveryWidthAsLow32Bits) {
 
 TEST_F(TailTest, MissingFileAndBadWidth) {
   std::string path = PutValues<uint32_t>("tail", {1, 2});
-  struct Case {
-    std::string file;
-    uint32_t width;
-    const char* log;
-  } cases[] = {
-      {dir_ + "/missing", 4, "StringTailReader::Initialize() returned false."},
-      {path, 3, "StringTailReader::Initialize() returned false."},
-      {path, 16, "StringTailReader::Initialize() returned false."},
-  };
-  for (const Case& c : cases) {
-    StringTailReader r(c.file.c_str(), c.width, MMF::kNoRequestedSize);
+  std::pair<std::string, uint32_t> cases[] = {{dir_ + "/missing", 4}, {path, 3}, {path, 16}};
+  for (const auto& [file, width] : cases) {
+    StringTailReader r(file.c_str(), width, kAll);
     OwnedLog log;
     EXPECT_FALSE(r.Initialize(&log.log));
-    EXPECT_EQ(log.Text(), c.log);
+    EXPECT_EQ(log.Text(), "StringTailReader::Initialize() returned false.") << width;
     EXPECT_FALSE(r.Read());
     EXPECT_EQ(r.GetValue(), 0u);
     EXPECT_EQ(r.ValueAt(0), 0u);
