@@ -68,7 +68,6 @@ TEST_F(StringsTest, ReadsColumnsTheKernelWrote) {
     ASSERT_NE(CVDbat_filename(b, "theap", heap, sizeof heap), nullptr);
     StringReader r(heap, tail, d->twidth, d->batCount * d->twidth, MMF::kNoRequestedSize);
     if (c.whole) r.SetWholeFile();
-    EXPECT_EQ(r.ElementWidth(), c.width);
     OwnedLog log;
     EXPECT_EQ(ReadRows(r, &log), c.rows) << c.what;
     EXPECT_EQ(log.Text(), "StringReader::Read() failed, previous _tailRead was zero.") << c.what;
@@ -87,25 +86,16 @@ TEST_F(StringsTest, ReadsColumnsTheKernelWrote) {
 }
 
 TEST_F(StringsTest, TailValuesDesignateHeapPositions) {
-  struct Case {
-    uint32_t width;
-    std::string heap;
-    std::vector<std::string> rows;
-  } cases[] = {
-      // Narrow tails count from the end of the hash area: 0 is 2048, 3 is 2072.
-      {1, Heap(2080, {{2048, "abc"}, {2072, "xyz"}}), {"abc", "xyz"}},
-      {2, Heap(2080, {{2048, "abc"}, {2072, "xyz"}}), {"abc", "xyz"}},
-      {4, Heap(32, {{0, "P"}, {24, "Q"}}), {"P", "Q"}},
-      {8, Heap(32, {{0, "P"}, {24, "Q"}}), {"P", "Q"}},
-  };
-  for (const Case& c : cases) {
+  for (uint32_t width : {1, 2, 4, 8}) {
+    // Narrow tails count from the end of the hash area: 0 is 2048, 3 is 2072.
+    std::string heap = Put("heap", width < 4 ? Heap(2080, {{2048, "abc"}, {2072, "xyz"}})
+                                             : Heap(32, {{0, "abc"}, {24, "xyz"}}));
     std::string tail;
-    for (uint64_t e : {0, 3}) tail.append(reinterpret_cast<const char*>(&e), c.width);
-    std::string heap = Put("heap", c.heap);
+    for (uint64_t e : {0, 3}) tail.append(reinterpret_cast<const char*>(&e), width);
     std::string tail_file = Put("tail", tail);
-    StringReader r(heap.c_str(), tail_file.c_str(), c.width, tail.size(), MMF::kNoRequestedSize);
+    StringReader r(heap.c_str(), tail_file.c_str(), width, tail.size(), MMF::kNoRequestedSize);
     OwnedLog log;
-    EXPECT_EQ(ReadRows(r, &log), c.rows) << "width " << c.width;
+    EXPECT_EQ(ReadRows(r, &log), (std::vector<std::string>{"abc", "xyz"})) << "width " << width;
   }
 }
 
@@ -113,36 +103,22 @@ TEST_F(StringsTest, EveryFailureHasItsText) {
   std::string heap = Heap(2080, {{2048, "abc"}, {2072, "xyz"}});
   std::string unterminated(2060, '\0');
   unterminated.replace(2048, 12, std::string(12, 'u'));
-  auto tail_of = [](std::vector<uint8_t> v) { return std::string(v.begin(), v.end()); };
+  const std::string first = "StringReader::Read() failed, _tailRead was zero on _firstRead.";
+  const std::string previous = "StringReader::Read() failed, previous _tailRead was zero.";
+  const std::string cursor = "StringReader::Read() failed to moveCursor";
   struct Case {
     const char* what;
     std::string heap;  // "-" for a missing file
     std::string tail;
     std::vector<std::string> rows;
-    const char* log;
+    std::string log;
   } cases[] = {
-      {"empty tail",
-       heap,
-       "",
-       {},
-       "StringReader::Read() failed, _tailRead was zero on _firstRead."},
-      {"one row",
-       heap,
-       tail_of({3}),
-       {"xyz"},
-       "StringReader::Read() failed, previous _tailRead was zero."},
-      {"missing heap", "-", tail_of({0}), {}, "StringReader::failed to init heapReader."},
+      {"empty tail", heap, "", {}, first},
+      {"one row", heap, "\3", {"xyz"}, previous},
+      {"missing heap", "-", std::string(1, '\0'), {}, "StringReader::failed to init heapReader."},
       {"missing tail", heap, "-", {}, "StringReader::failed to init tailReader."},
-      {"offset past the heap",
-       heap,
-       tail_of({0, 200}),
-       {"abc"},
-       "StringReader::Read() failed to moveCursor"},
-      {"no zero before the end",
-       unterminated,
-       tail_of({0}),
-       {},
-       "StringReader::Read() failed to moveCursor"},
+      {"offset past the heap", heap, std::string("\0\310", 2), {"abc"}, cursor},
+      {"no zero before the end", unterminated, std::string(1, '\0'), {}, cursor},
   };
   for (const Case& c : cases) {
     std::string heap_file = c.heap == "-" ? dir_ + "/none" : Put("heap", c.heap);
@@ -176,7 +152,6 @@ TEST_F(StringsTest, StringDictReaderDecodesCodes) {
     OwnedLog log;
     ASSERT_TRUE(r.Initialize(&log.log));
     EXPECT_EQ(r.IsEmpty(), c.codes.empty());
-    EXPECT_EQ(r.ElementWidth(), 4u);
     std::vector<std::string> rows;
     while (r.Read(&log.log)) rows.push_back(r.GetValue());
     EXPECT_EQ(rows, c.rows);
