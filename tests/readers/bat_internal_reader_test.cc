@@ -43,6 +43,15 @@ std::function<std::string(const void*)> As() {
 }
 std::string AsString(const void* v) { return static_cast<const char*>(v); }
 
+// Pulls every value of the reader (which it owns) and checks its type and the values.
+void Expect(InternalReader* reader, std::function<std::string(const void*)> fmt, const char* type,
+            const std::vector<std::string>& expected) {
+  std::unique_ptr<InternalReader> r(reader);
+  EXPECT_EQ(r->type(), ATOMindex(type)) << type;
+  EXPECT_EQ(Pull(*r, fmt), expected) << type;
+  EXPECT_TRUE(r->atEnd()) << type;
+}
+
 TEST_F(GeneratedTest, TypesFailuresAndTheEnd) {
   std::string codes = PutValues<unsigned int>("codes", {2, 1, 2});
   std::string values = PutValues<int64_t>("values", {100, -200});
@@ -51,74 +60,29 @@ TEST_F(GeneratedTest, TypesFailuresAndTheEnd) {
   std::string bad_tail = PutValues<uint32_t>("bad", {0, 1000});
   std::string empty = Put("empty", "");
   std::string missing = dir_ + "/missing";
-  struct Case {
-    const char* what;
-    std::function<InternalReader*()> make;
-    std::function<std::string(const void*)> fmt;
-    const char* type;
-    std::vector<std::string> expected;
-  } cases[] = {
-      {"dictionary of timestamps",
-       [&] {
-         return new BatInternalReader<int64_t, unsigned int>(
+  constexpr uint64_t kAll = MMF::kNoRequestedSize;
+  using Str = BatInternalReader<char*, unsigned int>;
+  // A dictionary of timestamps.
+  Expect(new BatInternalReader<int64_t, unsigned int>(
              nullptr,
              new SimpleTypeDictReader<int64_t, unsigned int>(
                  values.c_str(), 16, new SimpleTypeBATReader<unsigned int>(codes.c_str(), 12)),
-             true, 3);
-       },
-       As<int64_t>(),
-       "timestamp",
-       {"-200", "100", "-200"}},
-      {"empty file",
-       [&] {
-         return new BatInternalReader<double, unsigned int>(
-             new SimpleTypeBATReader<double>(empty.c_str(), 0), nullptr, false, 0);
-       },
-       As<double>(),
-       "dbl",
-       {}},
-      {"missing file",
-       [&] {
-         return new BatInternalReader<int64_t, unsigned int>(
-             new SimpleTypeBATReader<int64_t>(missing.c_str(), 8), nullptr, false, 1);
-       },
-       As<int64_t>(),
-       "lng",
-       {"!shit on the ground"}},
-      {"missing heap",
-       [&] {
-         return new BatInternalReader<char*, unsigned int>(
-             new StringReader(missing.c_str(), tail.c_str(), 4, 12, MMF::kNoRequestedSize), nullptr,
-             false, 3);
-       },
-       AsString,
-       "str",
-       {"!shit on the ground"}},
-      {"offset past the heap",
-       [&] {
-         return new BatInternalReader<char*, unsigned int>(
-             new StringReader(heap.c_str(), bad_tail.c_str(), 4, 8, MMF::kNoRequestedSize), nullptr,
-             false, 2);
-       },
-       AsString,
-       "str",
-       {"red", "!Generated column ended after 1 of 2 rows"}},
-      {"short of its rows",
-       [&] {
-         return new BatInternalReader<unsigned int, int>(
-             new SimpleTypeBATReader<unsigned int>(codes.c_str(), MMF::kNoRequestedSize), nullptr,
-             false, 5);
-       },
-       As<unsigned int>(),
-       "oid",
-       {"2", "1", "2", "!Generated column ended after 3 of 5 rows"}},
-  };
-  for (const Case& c : cases) {
-    std::unique_ptr<InternalReader> r(c.make());
-    EXPECT_EQ(r->type(), ATOMindex(c.type)) << c.what;
-    EXPECT_EQ(Pull(*r, c.fmt), c.expected) << c.what;
-    EXPECT_TRUE(r->atEnd()) << c.what;
-  }
+             true, 3),
+         As<int64_t>(), "timestamp", {"-200", "100", "-200"});
+  Expect(new BatInternalReader<double, unsigned int>(
+             new SimpleTypeBATReader<double>(empty.c_str(), 0), nullptr, false, 0),
+         As<double>(), "dbl", {});
+  Expect(new BatInternalReader<int64_t, unsigned int>(
+             new SimpleTypeBATReader<int64_t>(missing.c_str(), 8), nullptr, false, 1),
+         As<int64_t>(), "lng", {"!shit on the ground"});
+  Expect(new Str(new StringReader(missing.c_str(), tail.c_str(), 4, 12, kAll), nullptr, false, 3),
+         AsString, "str", {"!shit on the ground"});
+  // An offset past the heap ends the column early.
+  Expect(new Str(new StringReader(heap.c_str(), bad_tail.c_str(), 4, 8, kAll), nullptr, false, 2),
+         AsString, "str", {"red", "!Generated column ended after 1 of 2 rows"});
+  Expect(new BatInternalReader<unsigned int, int>(
+             new SimpleTypeBATReader<unsigned int>(codes.c_str(), kAll), nullptr, false, 5),
+         As<unsigned int>(), "oid", {"2", "1", "2", "!Generated column ended after 3 of 5 rows"});
 }
 
 TEST_F(GeneratedTest, AStringStaysValidUntilTheNextCall) {
@@ -130,12 +94,11 @@ TEST_F(GeneratedTest, AStringStaysValidUntilTheNextCall) {
   std::string tail = PutValues<uint32_t>("tail", {1, 131072 / 8});
   BatInternalReader<char*, unsigned int> r(
       new StringReader(heap.c_str(), tail.c_str(), 4, 8, MMF::kNoRequestedSize), nullptr, false, 2);
-  const char* a = static_cast<const char*>(r.next());
-  ASSERT_NE(a, nullptr);
-  EXPECT_STREQ(a, "first");
-  const char* b = static_cast<const char*>(r.next());
-  ASSERT_NE(b, nullptr);
-  EXPECT_STREQ(b, "second");
+  for (const char* expected : {"first", "second"}) {
+    const char* s = static_cast<const char*>(r.next());
+    ASSERT_NE(s, nullptr) << expected;
+    EXPECT_STREQ(s, expected);
+  }
   EXPECT_EQ(r.next(), nullptr);
   EXPECT_TRUE(r.atEnd());
 }
