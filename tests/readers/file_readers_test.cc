@@ -122,19 +122,15 @@ TEST_F(FixedTest, EveryInstanceLogsWithItsNameAndWidth) {
   EXPECT_FALSE(std::filesystem::exists(missing)) << "a reader created its file";
 }
 
-TEST_F(FixedTest, ValuesOfEachTypeAndSetValue) {
-  std::string path = PutValues<double>("d", {1.5, -2.25, 1e300});
-  SimpleTypeBATReader<double> r(path.c_str(), kAll);
-  OwnedLog log;
-  EXPECT_EQ(ReadAll(r, &log), (std::vector<double>{1.5, -2.25, 1e300}));
-  // SetValue writes through to the file.
-  path = PutValues<int64_t>("l", {INT64_MIN, 7, INT64_MAX});
+TEST_F(FixedTest, SetValueWritesThroughToTheFile) {
+  std::string path = PutValues<int64_t>("l", {INT64_MIN, 7, INT64_MAX});
   SimpleTypeBATReader<int64_t> l(path.c_str(), kAll);
   ASSERT_TRUE(l.Open() && l.Read() && l.Read());
   l.SetValue(-9);
   EXPECT_EQ(l.GetValue(), -9);
   l.Close();
   SimpleTypeBATReader<int64_t> again(path.c_str(), kAll);
+  OwnedLog log;
   EXPECT_EQ(ReadAll(again, &log), (std::vector<int64_t>{INT64_MIN, -9, INT64_MAX}));
 }
 
