@@ -92,9 +92,6 @@ TEST(StringChunkerTest, NilsFlagsAndParameters) {
     StringChunker chunker(4, c.heap_parameter, nullptr, 0);
     EXPECT_EQ(chunker.HeapParameter(), c.kept_parameter);
     EXPECT_EQ(chunker.Heap().BufferSize(), 4u * c.kept_parameter + 2048);
-    EXPECT_EQ(chunker.ElementSize(), 8);
-    EXPECT_FALSE(chunker.IsSorted());  // never claimed for strings
-    EXPECT_FALSE(chunker.IsKey());
     for (const std::string& v : c.values) {
       if (v == "<nil>")
         chunker.InsertNil();
@@ -102,7 +99,7 @@ TEST(StringChunkerTest, NilsFlagsAndParameters) {
         chunker.InsertVal(const_cast<char*>(v.c_str()));
     }
     EXPECT_EQ(chunker.HasNoNils(), c.no_nils);
-    EXPECT_FALSE(chunker.IsSorted());
+    EXPECT_FALSE(chunker.IsSorted() || chunker.IsKey());  // never claimed for strings
     EXPECT_EQ(chunker.GetValueCount(), c.values.size());
   }
 }
@@ -124,7 +121,6 @@ TEST(StringChunkerTest, ChunksCarryTheirOwnHeapBytes) {
     auto* c = static_cast<StringChunk*>(chunks[i].get());
     EXPECT_EQ(c->restart_heap_, i == 0);
     EXPECT_FALSE(c->heap_rewritten_);
-    EXPECT_EQ(c->GetCapacity(), 2u);
     heap.append(c->heap_, c->GetSize());
     ASSERT_NE(c->hash_area_, nullptr);
     heap.replace(0, 2048, c->hash_area_.get(), 2048);  // the last hash area wins

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -15,19 +14,6 @@ namespace qopci_test {
 namespace {
 
 using qopci::StringHeap;
-
-// count strings "<prefix><i>" padded to width bytes.
-std::vector<std::string> Numbered(const char* prefix, int count, int width) {
-  std::vector<std::string> out;
-  for (int i = 0; i < count; i++) {
-    char text[64];
-    snprintf(text, sizeof text, "%s%d", prefix, i);
-    std::string s(text);
-    s.resize(std::max<size_t>(s.size(), width), '.');
-    out.push_back(s);
-  }
-  return out;
-}
 
 // Distinct strings with each one repeated right after (found through the bucket head from
 // 64 KiB on) and every tenth repeated much later (found below 64 KiB, stored again above).
@@ -42,25 +28,9 @@ std::vector<std::string> Repeating(int count, int width) {
 }
 
 TEST_F(StringFarmTest, FilesEqualTheKernelsHeapAndTail) {
-  std::vector<std::string> small = {"a",
-                                    "b",
-                                    "a",
-                                    "",
-                                    "",
-                                    kNil,
-                                    "\x80"
-                                    "abc",
-                                    kNil,
-                                    "\x80x",
-                                    "b",
-                                    "a",
-                                    "ab",
-                                    "ba",
-                                    "\x80"
-                                    "abc",
-                                    "é",
-                                    "a\t",
-                                    "a"};
+  std::vector<std::string> small = {"a",          "b",          "a",        "",    "",  kNil,
+                                    kNil + "abc", kNil,         kNil + "x", "b",   "a", "ab",
+                                    "ba",         kNil + "abc", "é",        "a\t", "a"};
   std::vector<std::string> one_long = {"x", std::string(70000, 'y'), "x", "z", "x", "z"};
   std::vector<std::string> blocks = Numbered("block", 300, 1000);  // many 64 KiB blocks
   blocks.insert(blocks.end(), {"block7", "block299", kNil, kNil, ""});
@@ -97,11 +67,7 @@ TEST_F(StringFarmTest, HeapLoadsExistingFiles) {
   std::vector<std::string> old = {"one", "two", kNil, "", "three"};
   KernelColumn k = Kernel(old);
   const std::string file = Path("old.theap");
-  {
-    std::FILE* f = std::fopen(file.c_str(), "wb");
-    std::fwrite(k.heap.data(), 1, k.heap.size(), f);
-    std::fclose(f);
-  }
+  WriteFile(file, k.heap);
   struct Case {
     const char* name;
     uint64_t size;  // existing size handed in

@@ -5,12 +5,8 @@
 #define QOPCI_TESTS_WRITERS_STRING_TEST_FARM_H_
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -18,6 +14,7 @@
 #include "corvid/farm.h"
 #include "corvid/gdk.h"
 #include "queue/concurrent_queue.h"
+#include "tests/support/temp_dir.h"
 #include "writers/string_writer.h"
 #include "writers/writer_chunk_pair.h"
 
@@ -30,9 +27,14 @@ using qopci::SubmitChunk;
 
 const std::string kNil("\x80", 1);  // the host's nil string (its zero comes with c_str())
 
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+// count strings "<prefix><i>" padded with dots to width bytes.
+inline std::vector<std::string> Numbered(const char* prefix, int count, size_t width) {
+  std::vector<std::string> out;
+  for (int i = 0; i < count; i++) {
+    out.push_back(prefix + std::to_string(i));
+    out.back().resize(std::max(out.back().size(), width), '.');
+  }
+  return out;
 }
 
 // The bytes of the kernel's column after appending strings: heap (its free bytes) and tail.
@@ -45,18 +47,13 @@ struct KernelColumn {
 class StringFarmTest : public ::testing::Test {
  public:
   void SetUp() override {
-    char tmpl[] = "/tmp/qopci-strings-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    char* err = CVDfarm_open((dir_ + "/farm").c_str(), CVD_FARM_CREATE);
+    ASSERT_NE(dir_.path(), "");
+    char* err = CVDfarm_open(Path("farm").c_str(), CVD_FARM_CREATE);
     ASSERT_EQ(err, nullptr) << err;
   }
-  void TearDown() override {
-    CVDfarm_close();
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { CVDfarm_close(); }
 
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
 
   // Appends strings to a new transient str BAT and returns what the kernel built.
   static KernelColumn Kernel(const std::vector<std::string>& strings) {
@@ -97,7 +94,7 @@ class StringFarmTest : public ::testing::Test {
   }
 
  protected:
-  std::string dir_;
+  TempDir dir_{"qopci-strings-"};
 };
 
 }  // namespace qopci_test
