@@ -12,6 +12,10 @@ MMFByteReader::MMFByteReader(const std::string& name, uint64_t requested_size)
 MMFByteReader::~MMFByteReader() = default;
 
 bool MMFByteReader::Open() {
+  // A reader may be opened again after Close: nothing of the last open's span survives.
+  span_ = nullptr;
+  span_start_ = span_length_ = span_cursor_ = position_ = 0;
+  last_span_ = empty_ = false;
   struct stat st;
   if (mmf_os::Stat(name_.c_str(), &st) != 0) return false;
   mmf_.reset(new MMF(name_.c_str(), 2, MMF::kReadAccess, requested_size_));
@@ -40,6 +44,12 @@ bool MMFByteReader::Open() {
     if (!span_) span_length_ = 0;  // no span: a Seek must move one in before reading
   }
   return ok;
+}
+
+bool MMFByteReader::Close() {
+  span_ = nullptr;  // the view goes with the file
+  span_length_ = 0;
+  return MMFManipulator::Close();
 }
 
 bool MMFByteReader::Seek(uint64_t position) { return SeekEx(position, true); }

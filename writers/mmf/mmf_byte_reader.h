@@ -22,6 +22,8 @@ class MMFByteReader : public MMFManipulator {
   // Opens an existing file (a missing one fails and nothing is created) and maps its first
   // span. An empty file opens without a span.
   bool Open() override;
+  // Closes the file; the span is gone until the next Open.
+  bool Close() override;
   // SeekEx(position, true).
   virtual bool Seek(uint64_t position);
   // Makes position the cursor, moving the span when position lies outside it; without
