@@ -14,9 +14,9 @@ run_fuzzers() {
   local seconds=$1
   shift
   local targets=("$@")
-  ((${#targets[@]})) || targets=(csv_fuzz manifest_fuzz catalog_fuzz farm_open_fuzz strheap_fuzz)
+  ((${#targets[@]})) || targets=(csv_fuzz manifest_fuzz catalog_fuzz farm_open_fuzz strheap_fuzz reader_fuzz)
   local -A max_len=([csv_fuzz]=4096 [manifest_fuzz]=4096 [catalog_fuzz]=4096
-                      [farm_open_fuzz]=2048 [strheap_fuzz]=8192)
+                      [farm_open_fuzz]=2048 [strheap_fuzz]=8192 [reader_fuzz]=4096)
   local -A dict=([csv_fuzz]=csv [manifest_fuzz]=manifest [catalog_fuzz]=catalog
                    [farm_open_fuzz]=catalog)
   local t bin ok f opts passed failed farms=${TMPDIR:-/tmp}
