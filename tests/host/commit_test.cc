@@ -5,20 +5,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cinttypes>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "corvid/farm.h"
+#include "tests/support/kernel_text.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
 using qopci_test::ReadFile;
+using qopci_test::Take;
 
 namespace {
 
@@ -44,12 +44,6 @@ bool HasTemporaries(const fs::path& dir) {
     if (rel.find(".new") != std::string::npos || rel.find(".prev") != std::string::npos)
       return true;
   return false;
-}
-
-std::string Take(char* err) {
-  std::string text = err ? err : "";
-  GDKfree(err);
-  return text;
 }
 
 // Every named BAT of the open farm: name, type, SQL type, flags and values (long ones by
@@ -347,20 +341,9 @@ TEST_F(CommitTest, UncommittedReplacementsVanishAndVersionOneCatalogsOpen) {
   EXPECT_EQ(DumpOf(0), s0_);
   EXPECT_FALSE(fs::exists(rep_tail));  // the writer's open removed what no catalog names
 
-  // The same farm under a version-1 catalog: no SQL types, one field fewer per BAT, and the
-  // checksum (FNV-1a 64) made anew.
-  std::istringstream lines(ReadFile(dir_ / "catalog"));
-  std::string v1;
-  for (std::string line; std::getline(lines, line) && line.rfind("checksum ", 0) != 0;) {
-    if (line == "corvid-catalog 3") line = "corvid-catalog 1";
-    if (line.rfind("bat ", 0) == 0) line = line.substr(0, line.rfind(' '));
-    v1 += line + "\n";
-  }
-  uint64_t h = 0xcbf29ce484222325ull;
-  for (unsigned char ch : v1) h = (h ^ ch) * 0x100000001b3ull;
-  char sum[64];
-  std::snprintf(sum, sizeof sum, "checksum %016" PRIx64 "\n", h);
-  std::ofstream(dir_ / "catalog", std::ios::binary) << v1 << sum;
+  // The same farm under a version-1 catalog: no SQL types, one field fewer per BAT.
+  qopci_test::WriteOldCatalog(
+      dir_, 1, [](const std::string& line) { return line.substr(0, line.rfind(' ')); });
   std::string want = s0_;
   want.replace(want.find("[bigint]"), 8, "[]");
   EXPECT_EQ(DumpOf(CVD_FARM_READONLY), want);

@@ -15,6 +15,7 @@
 #include "corvid/exception.h"
 #include "corvid/gdk.h"
 #include "corvid/sql.h"
+#include "tests/support/kernel_text.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -37,10 +38,7 @@ class FarmTest : public ::testing::Test {
   }
   std::string OpenError() {  // reopens expecting a failure; returns its text
     CVDfarm_close();
-    char* err = CVDfarm_open(dir_.c_str(), 0);
-    std::string text = err ? err : "";
-    GDKfree(err);
-    return text;
+    return qopci_test::Take(CVDfarm_open(dir_.c_str(), 0));
   }
   bat Make(int type, const char* name) {
     bat b = 0;
@@ -203,8 +201,6 @@ TEST_F(FarmTest, DamagedFilesAreRefusedOrReadAround) {
        "catalog is truncated"},
       {"flipped byte", edit(catalog, catalog.find("words"), "W"), heap, kOpenFails,
        "catalog checksum mismatch"},
-      {"edited type", edit(catalog, catalog.find(" str "), " xyz "), heap, kOpenFails,
-       "catalog checksum mismatch"},
       {"missing heap", catalog, "-", kOpenFails, "theap is missing"},
       {"short heap", catalog, heap.substr(0, 2050), kOpenFails,
        "holds 2050 bytes, the catalog describes"},
@@ -257,10 +253,8 @@ TEST_F(FarmTest, PhysicalNamesResultsAndLogger) {
   bat b = Make(TYPE_int, "t");
   char phys[64];
   BBPphysical(b, phys);
-  EXPECT_NE(std::strchr(phys, '/'), nullptr);
   const std::string tail = Path(b, "tail");
   EXPECT_EQ(tail, std::string(BBPfarmdir()) + "/" + phys + ".tail");
-  EXPECT_EQ(BBPsize(), b + 1);
   EXPECT_STREQ(BBPphysical(BBPsize(), phys), "");
 
   bat order = 0, col = 0;

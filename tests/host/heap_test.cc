@@ -1,6 +1,5 @@
-// Loaded heaps and property checks: large heaps are mapped from their files and must still
-// take appends; the typed property scans must clear exactly the flags the generic
-// comparison would.
+// Heaps and property checks: the typed property scans must clear exactly the flags the
+// generic comparison would, and a closed farm gives its large heaps back.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,34 +21,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-TEST(HeapTest, MappedHeapTakesAppendsAfterReopen) {
-  const qopci_test::TempDir tmp("corvid_heap_");
-  const fs::path dir = tmp.path() + "/farm";
-  ASSERT_EQ(CVDfarm_open(dir.c_str(), 1), nullptr);
-  std::vector<int> values(400000);  // 1.6 MB: loaded as a mapping
-  for (size_t i = 0; i < values.size(); i++) values[i] = static_cast<int>(i * 3);
-  bat b = 0;
-  ASSERT_EQ(CVDbat_create(TYPE_int, "big", 0, &b), nullptr);
-  ASSERT_EQ(CVDbat_append_n(b, values.data(), values.size()), nullptr);
-  ASSERT_EQ(TMcommit(), 0);
-  for (int round = 0; round < 2; round++) {
-    CVDfarm_close();
-    ASSERT_EQ(CVDfarm_open(dir.c_str(), 0), nullptr);
-    b = CVDbat_lookup("big");
-    BAT* d = BBPdescriptor(b);
-    ASSERT_NE(d, nullptr);
-    ASSERT_EQ(d->batCount, values.size());
-    EXPECT_EQ(std::memcmp(d->theap.base, values.data(), values.size() * sizeof(int)), 0);
-    int extra = -round - 1;
-    ASSERT_EQ(CVDbat_append(b, &extra), nullptr);  // the mapping becomes the kernel's own
-    values.push_back(extra);
-    EXPECT_EQ(*static_cast<const int*>(BUNtail(d, values.size() - 1)), extra);
-    BBPreleaseref(b);
-    ASSERT_EQ(TMcommit(), 0);
-  }
-  CVDfarm_close();
-}
 
 template <typename T>
 bat Transient(int type, const std::vector<T>& v) {
