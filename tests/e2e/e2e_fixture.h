@@ -15,6 +15,7 @@
 #include "corvid/gdk.h"
 #include "corvid/sql.h"
 #include "qopci/qopci.h"
+#include "tests/support/kernel_text.h"
 #include "tests/support/temp_dir.h"
 
 namespace qopci_test {
@@ -73,23 +74,18 @@ class FarmTest : public ::testing::Test {
     return t->id;
   }
 
-  static std::string Text(char* err) {
-    std::string s = err != nullptr ? err : "";
-    if (err != nullptr) GDKfree(err);
-    return s;
-  }
   std::string AttrInt(const std::string& col, int attr, int v) {
     char* c = const_cast<char*>(col.c_str());
-    return Text(qopci_add_col_metadata_int(nullptr, &c, &attr, &v));
+    return Take(qopci_add_col_metadata_int(nullptr, &c, &attr, &v));
   }
   std::string AttrLng(const std::string& col, int attr, int64_t v) {
     char* c = const_cast<char*>(col.c_str());
-    return Text(qopci_add_col_metadata_lng(nullptr, &c, &attr, &v));
+    return Take(qopci_add_col_metadata_lng(nullptr, &c, &attr, &v));
   }
   std::string AttrStr(const std::string& col, int attr, const std::string& v) {
     char* c = const_cast<char*>(col.c_str());
     char* s = const_cast<char*>(v.c_str());
-    return Text(qopci_add_col_metadata_str(nullptr, &c, &attr, &s));
+    return Take(qopci_add_col_metadata_str(nullptr, &c, &attr, &s));
   }
 
   std::string TailFile(bat target) {
