@@ -90,15 +90,9 @@ TEST(AtomsTest, TextRoundTripsAndRejections) {
   }
 }
 
-TEST(AtomsTest, TypeTableNilOrderAndTimestampLayout) {
-  const char* names[] = {"void", "bit", "chr", "bte", "sht", "bat",       "int",     "oid", "wrd",
-                         "ptr",  "flt", "dbl", "lng", "str", "timestamp", "daytime", "date"};
-  const int sizes[] = {0, 1, 1, 1, 2, 4, 4, 4, 8, 8, 4, 8, 8, 8, 8, 4, 4};
-  for (int t = 0; t < 17; t++) {
-    EXPECT_STREQ(ATOMname(t), names[t]);
-    EXPECT_EQ(ATOMindex(names[t]), t);
-    EXPECT_EQ(ATOMsize(t), sizes[t]) << names[t];
-  }
+// Type names and widths are pinned by the round trips of every type through text and
+// through the farm's files; what is left is the order of nils and the timestamp layout.
+TEST(AtomsTest, NilOrderAndTimestampLayout) {
   EXPECT_STREQ(ATOMname(17), "unknown");
   oid small = 0;  // the oid nil is 0x80000000 yet sorts before 0
   EXPECT_LT(ATOMcmp(TYPE_oid, ATOMnil(TYPE_oid), &small), 0);
