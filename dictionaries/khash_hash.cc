@@ -259,6 +259,62 @@ void KhashHash<K, V>::Resize(uint32_t requested) {
   upper_bound_ = bound;
 }
 
+namespace {
+
+// Codes values[i..count) that are already in the table, the table's fields held in locals,
+// and returns the index of the first value that is not (count when all are): that one needs
+// a put. Lookups follow the same probe as a put, so a present key gets the same bucket; only
+// the resize that a put may do first is left out, which the caller allows by calling this
+// only while the table is below its upper bound. With kPrefetch, the flag word, key and code
+// at the start bucket of a value a few places ahead are fetched early, so that the cache
+// misses of a large table overlap instead of following one another.
+template <typename K, typename V, bool kSkipNulls, bool kPrefetch>
+uint64_t EncodePresent(const uint32_t* flags, const K* keys, const V* vals, uint32_t m,
+                       const K* values, V* codes, uint64_t i, uint64_t count, V null_code,
+                       K null_value) {
+  constexpr uint64_t kAhead = 12;
+  for (; i < count; ++i) {
+    if constexpr (kPrefetch) {
+      if (i + kAhead < count) {
+        const uint32_t a = KhashHash<K, V>::Hash(values[i + kAhead]) & m;
+        __builtin_prefetch(&flags[a >> 4]);
+        __builtin_prefetch(&keys[a]);
+        __builtin_prefetch(&vals[a]);
+      }
+    }
+    const K v = values[i];
+    // A floating-point comparison for doubles: a NaN null never matches.
+    if (kSkipNulls && v == null_value) {
+      codes[i] = null_code;
+      continue;
+    }
+    const uint32_t h = KhashHash<K, V>::Hash(v);
+    uint32_t b = h & m;
+    uint32_t pair = FlagPair(flags, b);
+    if (__builtin_expect(pair == 0 && SameKey(keys[b], v), 1)) {
+      codes[i] = vals[b];
+      continue;
+    }
+    if (pair & 2U) return i;  // empty start bucket: absent
+    const uint32_t step = Step(h, m);
+    const uint32_t start = b;
+    for (;;) {
+      b = (b + step) & m;
+      if (b == start) return i;
+      pair = FlagPair(flags, b);
+      if (pair & 2U) return i;
+      if (pair == 0 && SameKey(keys[b], v)) break;
+    }
+    codes[i] = vals[b];
+  }
+  return count;
+}
+
+// Tables at least this large no longer sit in the first cache levels: prefetch for them.
+constexpr uint32_t kPrefetchBuckets = 1U << 15;
+
+}  // namespace
+
 template <typename K, typename V>
 void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, uint64_t count,
                                   K* new_values, V* new_codes, uint64_t* new_count, V null_code,
@@ -266,11 +322,29 @@ void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, u
   const bool skip_nulls = !this->HashesNulls();
   V next = first_new_code;
   uint64_t added = *new_count;
-  for (uint64_t i = 0; i < count; ++i) {
+  uint64_t i = 0;
+  while (i < count) {
+    // Present keys in one sweep, while no put would resize first.
+    if (n_buckets_ != 0 && n_occupied_ < upper_bound_) {
+      const uint32_t m = n_buckets_ - 1;
+      const bool prefetch = n_buckets_ >= kPrefetchBuckets;
+      if (skip_nulls) {
+        i = prefetch ? EncodePresent<K, V, true, true>(flags_, keys_, vals_, m, values, codes, i,
+                                                       count, null_code, null_value)
+                     : EncodePresent<K, V, true, false>(flags_, keys_, vals_, m, values, codes,
+                                                        i, count, null_code, null_value);
+      } else {
+        i = prefetch ? EncodePresent<K, V, false, true>(flags_, keys_, vals_, m, values, codes,
+                                                        i, count, null_code, null_value)
+                     : EncodePresent<K, V, false, false>(flags_, keys_, vals_, m, values, codes,
+                                                         i, count, null_code, null_value);
+      }
+      if (i == count) break;
+    }
+    // One value by a full put: a new key, or any key when the table must grow first.
     const K v = values[i];
-    // A floating-point comparison for doubles: a NaN null never matches.
     if (skip_nulls && v == null_value) {
-      codes[i] = null_code;
+      codes[i++] = null_code;
       continue;
     }
     PutResult result;
@@ -289,6 +363,7 @@ void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, u
       ++added;
       ++next;
     }
+    ++i;
   }
   *new_count = added;
 }

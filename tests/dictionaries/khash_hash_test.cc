@@ -57,14 +57,15 @@ TYPED_TEST(KhashHashModelTest, EncodesAsTheReferenceMap) {
   for (const bool hashes_nulls : {false, true}) {
     SCOPED_TRACE(hashes_nulls);
     std::mt19937_64 rng(7);
-    std::vector<K> pool(sizeof(K) == 1 ? 200 : 5000);
+    // Enough keys for the large-table path (tens of thousands of buckets).
+    std::vector<K> pool(sizeof(K) == 1 ? 200 : 40000);
     for (K& k : pool) k = RandomKey<K>(rng);
     KhashHash<K, V> table(hashes_nulls);
     std::unordered_map<int64_t, V> model;
     uint64_t buckets = 0, bound = 0;
     V next = 1;
     for (int chunk = 0; chunk < 6; ++chunk) {
-      const size_t n = 1 + rng() % 4000;
+      const size_t n = 1 + rng() % 40000;
       std::vector<K> values(n), new_values(n);
       std::vector<V> codes(n), new_codes(n), want_new_codes;
       for (K& v : values) v = rng() % 10 == 0 ? null : pool[rng() % pool.size()];
