@@ -261,51 +261,77 @@ void KhashHash<K, V>::Resize(uint32_t requested) {
 
 namespace {
 
+// The bucket of key by a full walk from its start bucket, as a put walks; m + 1 (an
+// impossible bucket) when the key is absent.
+template <typename K, typename V>
+inline uint32_t Walk(const uint32_t* flags, const K* keys, uint32_t m, K key) {
+  const uint32_t h = KhashHash<K, V>::Hash(key);
+  const uint32_t step = Step(h, m);
+  const uint32_t start = h & m;
+  uint32_t b = start;
+  for (;;) {
+    const uint32_t pair = FlagPair(flags, b);
+    if (pair & 2U) return m + 1;
+    if (pair == 0 && SameKey(keys[b], key)) return b;
+    b = (b + step) & m;
+    if (b == start) return m + 1;
+  }
+}
+
 // Codes values[i..count) that are already in the table, the table's fields held in locals,
 // and returns the index of the first value that is not (count when all are): that one needs
-// a put. Lookups follow the same probe as a put, so a present key gets the same bucket; only
+// a put. Lookups follow the same walk as a put, so a present key gets the same bucket; only
 // the resize that a put may do first is left out, which the caller allows by calling this
-// only while the table is below its upper bound. With kPrefetch, the flag word, key and code
-// at the start bucket of a value a few places ahead are fetched early, so that the cache
-// misses of a large table overlap instead of following one another.
+// only while the table is below its upper bound.
+//
+// Values go in blocks. The first pass looks at each value's start bucket only and has no
+// branch on what it finds (whether a key sits at its start bucket is a coin toss no branch
+// predictor learns): it writes the code found there, or the null code, and lists the values
+// that missed. The second pass walks for those. Without branches the loads of a whole block
+// are in flight together; with kPrefetch, for tables beyond the first cache levels, the flag
+// word, key and code at the start bucket of values further ahead are fetched early as well.
 template <typename K, typename V, bool kSkipNulls, bool kPrefetch>
 uint64_t EncodePresent(const uint32_t* flags, const K* keys, const V* vals, uint32_t m,
                        const K* values, V* codes, uint64_t i, uint64_t count, V null_code,
                        K null_value) {
-  constexpr uint64_t kAhead = 12;
-  for (; i < count; ++i) {
-    if constexpr (kPrefetch) {
-      if (i + kAhead < count) {
-        const uint32_t a = KhashHash<K, V>::Hash(values[i + kAhead]) & m;
-        __builtin_prefetch(&flags[a >> 4]);
-        __builtin_prefetch(&keys[a]);
-        __builtin_prefetch(&vals[a]);
+  constexpr uint64_t kBlock = 64;
+  constexpr uint64_t kAhead = 16;
+  uint8_t missed[kBlock];
+  while (i < count) {
+    const uint64_t end = count - i < kBlock ? count : i + kBlock;
+    uint32_t n_missed = 0;
+    for (uint64_t j = i; j < end; ++j) {
+      if constexpr (kPrefetch) {
+        if (j + kAhead < count) {
+          const uint32_t a = KhashHash<K, V>::Hash(values[j + kAhead]) & m;
+          __builtin_prefetch(&flags[a >> 4]);
+          __builtin_prefetch(&keys[a]);
+          __builtin_prefetch(&vals[a]);
+        }
       }
+      const K v = values[j];
+      const uint32_t b = KhashHash<K, V>::Hash(v) & m;
+      // 0 when the bucket is live and holds v's bits.
+      uint64_t miss = FlagPair(flags, b) |
+                      (static_cast<uint64_t>(KeyWord(keys[b])) ^ static_cast<uint64_t>(KeyWord(v)));
+      V code = vals[b];
+      if constexpr (kSkipNulls) {
+        // A floating-point comparison for doubles: a NaN null never matches.
+        const bool null = v == null_value;
+        code = null ? null_code : code;
+        miss = null ? 0 : miss;
+      }
+      codes[j] = code;
+      missed[n_missed] = static_cast<uint8_t>(j - i);
+      n_missed += miss != 0;
     }
-    const K v = values[i];
-    // A floating-point comparison for doubles: a NaN null never matches.
-    if (kSkipNulls && v == null_value) {
-      codes[i] = null_code;
-      continue;
+    for (uint32_t k = 0; k < n_missed; ++k) {
+      const uint64_t j = i + missed[k];
+      const uint32_t b = Walk<K, V>(flags, keys, m, values[j]);
+      if (b > m) return j;
+      codes[j] = vals[b];
     }
-    const uint32_t h = KhashHash<K, V>::Hash(v);
-    uint32_t b = h & m;
-    uint32_t pair = FlagPair(flags, b);
-    if (__builtin_expect(pair == 0 && SameKey(keys[b], v), 1)) {
-      codes[i] = vals[b];
-      continue;
-    }
-    if (pair & 2U) return i;  // empty start bucket: absent
-    const uint32_t step = Step(h, m);
-    const uint32_t start = b;
-    for (;;) {
-      b = (b + step) & m;
-      if (b == start) return i;
-      pair = FlagPair(flags, b);
-      if (pair & 2U) return i;
-      if (pair == 0 && SameKey(keys[b], v)) break;
-    }
-    codes[i] = vals[b];
+    i = end;
   }
   return count;
 }
