@@ -168,6 +168,28 @@ TEST(KhashHashTest, BucketsAfterProbesAndGrowth) {
   }
 }
 
+// A put of any value, present or new, grows a table that reached its bound; a skipped null
+// does not put. Here the third key reaches the bound of 3 in the second chunk.
+TEST(KhashHashTest, GrowsWhereAPutWould) {
+  struct Case {
+    std::vector<int> second_chunk;
+    uint32_t buckets;
+  };
+  const Case cases[] = {{{3, 1}, 8}, {{3, 3}, 8}, {{3, INT_MIN}, 4}, {{3}, 4}, {{1, 3}, 4}};
+  for (const Case& c : cases) {
+    KhashHash<int, int> table(false);
+    std::vector<int> first = {1, 2}, codes(2), new_values(2), new_codes(2);
+    uint64_t new_count = 0;
+    table.EncodeChunk(first.data(), 1, codes.data(), 2, new_values.data(), new_codes.data(),
+                      &new_count, 0, INT_MIN);
+    table.EncodeChunk(c.second_chunk.data(), 3, codes.data(), c.second_chunk.size(),
+                      new_values.data(), new_codes.data(), &new_count, 0, INT_MIN);
+    EXPECT_EQ(table.BucketCount(), c.buckets) << c.second_chunk.size();
+    int code = 0;
+    EXPECT_TRUE(table.Find(3, &code) && code == 3);
+  }
+}
+
 TEST(KhashHashTest, NullsAndSignedZeros) {
   const double nan = std::nan("");
   struct Case {
