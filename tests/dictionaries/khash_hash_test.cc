@@ -182,6 +182,7 @@ TEST(KhashHashTest, GrowsWhereAPutWould) {
     uint64_t new_count = 0;
     table.EncodeChunk(first.data(), 1, codes.data(), 2, new_values.data(), new_codes.data(),
                       &new_count, 0, INT_MIN);
+    new_count = 0;
     table.EncodeChunk(c.second_chunk.data(), 3, codes.data(), c.second_chunk.size(),
                       new_values.data(), new_codes.data(), &new_count, 0, INT_MIN);
     EXPECT_EQ(table.BucketCount(), c.buckets) << c.second_chunk.size();
