@@ -61,8 +61,7 @@ void EncodeColumn(KhashHash<int, int>* table, const std::vector<int>& column, Bu
 }
 
 // The same encoding through std::unordered_map: nulls skipped, new values listed.
-void EncodeColumn(std::unordered_map<int, int>* map, const std::vector<int>& column,
-                  Buffers* b) {
+void EncodeColumn(std::unordered_map<int, int>* map, const std::vector<int>& column, Buffers* b) {
   int next = 1;
   for (size_t at = 0; at < column.size(); at += kChunk) {
     const uint64_t n = std::min<uint64_t>(kChunk, column.size() - at);

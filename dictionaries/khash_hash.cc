@@ -15,12 +15,8 @@ inline uint32_t FlagPair(const uint32_t* flags, uint32_t i) {
 inline bool IsEmpty(const uint32_t* flags, uint32_t i) { return FlagPair(flags, i) & 2U; }
 inline bool IsDeleted(const uint32_t* flags, uint32_t i) { return FlagPair(flags, i) & 1U; }
 inline void SetDeleted(uint32_t* flags, uint32_t i) { flags[i >> 4] |= 1U << ((i & 0xfU) << 1); }
-inline void ClearEmpty(uint32_t* flags, uint32_t i) {
-  flags[i >> 4] &= ~(2U << ((i & 0xfU) << 1));
-}
-inline void ClearBoth(uint32_t* flags, uint32_t i) {
-  flags[i >> 4] &= ~(3U << ((i & 0xfU) << 1));
-}
+inline void ClearEmpty(uint32_t* flags, uint32_t i) { flags[i >> 4] &= ~(2U << ((i & 0xfU) << 1)); }
+inline void ClearBoth(uint32_t* flags, uint32_t i) { flags[i >> 4] &= ~(3U << ((i & 0xfU) << 1)); }
 
 // The key as the signed 64-bit word that is hashed and compared: sign-extended integers,
 // the bit pattern of a double.
@@ -101,19 +97,32 @@ uint32_t KhashHash<K, V>::Hash(K key) {
   return static_cast<uint32_t>(static_cast<uint64_t>(k >> 33) ^ u ^ (u << 11));
 }
 
+namespace {
+
+// The bucket of key by a full walk from its start bucket, as a put walks; m + 1 (an
+// impossible bucket) when the key is absent.
+template <typename K, typename V>
+inline uint32_t Walk(const uint32_t* flags, const K* keys, uint32_t m, K key) {
+  const uint32_t h = KhashHash<K, V>::Hash(key);
+  const uint32_t step = Step(h, m);
+  const uint32_t start = h & m;
+  uint32_t b = start;
+  for (;;) {
+    const uint32_t pair = FlagPair(flags, b);
+    if (pair & 2U) return m + 1;
+    if (pair == 0 && SameKey(keys[b], key)) return b;
+    b = (b + step) & m;
+    if (b == start) return m + 1;
+  }
+}
+
+}  // namespace
+
 template <typename K, typename V>
 int64_t KhashHash<K, V>::BucketOf(K key) const {
   if (n_buckets_ == 0) return -1;
-  const uint32_t m = n_buckets_ - 1;
-  const uint32_t h = Hash(key);
-  const uint32_t step = Step(h, m);
-  const uint32_t start = h & m;
-  uint32_t i = start;
-  while (!IsEmpty(flags_, i) && (IsDeleted(flags_, i) || !SameKey(keys_[i], key))) {
-    i = (i + step) & m;
-    if (i == start) return -1;
-  }
-  return IsEmpty(flags_, i) ? -1 : static_cast<int64_t>(i);
+  const uint32_t b = Walk<K, V>(flags_, keys_, n_buckets_ - 1, key);
+  return b < n_buckets_ ? static_cast<int64_t>(b) : -1;
 }
 
 template <typename K, typename V>
@@ -265,23 +274,6 @@ void KhashHash<K, V>::Resize(uint32_t requested) {
 
 namespace {
 
-// The bucket of key by a full walk from its start bucket, as a put walks; m + 1 (an
-// impossible bucket) when the key is absent.
-template <typename K, typename V>
-inline uint32_t Walk(const uint32_t* flags, const K* keys, uint32_t m, K key) {
-  const uint32_t h = KhashHash<K, V>::Hash(key);
-  const uint32_t step = Step(h, m);
-  const uint32_t start = h & m;
-  uint32_t b = start;
-  for (;;) {
-    const uint32_t pair = FlagPair(flags, b);
-    if (pair & 2U) return m + 1;
-    if (pair == 0 && SameKey(keys[b], key)) return b;
-    b = (b + step) & m;
-    if (b == start) return m + 1;
-  }
-}
-
 // The first pass over a block values[i..end) of EncodeChunk, while the table is below its
 // upper bound. It looks at each value's start bucket only and has no branch on what it finds
 // there (whether a key sits at its start bucket is a coin toss that no branch predictor
@@ -290,9 +282,9 @@ inline uint32_t Walk(const uint32_t* flags, const K* keys, uint32_t m, K key) {
 // flight together; with kPrefetch, for tables beyond the first cache levels, the flag word,
 // key and code at the start bucket of values further ahead are fetched early as well.
 template <typename K, typename V, bool kSkipNulls, bool kPrefetch>
-uint32_t FirstPass(const uint32_t* flags, const K* keys, const V* vals, uint32_t m,
-                   const K* values, V* codes, uint64_t i, uint64_t end, uint64_t count,
-                   V null_code, K null_value, uint8_t* missed) {
+uint32_t FirstPass(const uint32_t* flags, const K* keys, const V* vals, uint32_t m, const K* values,
+                   V* codes, uint64_t i, uint64_t end, uint64_t count, V null_code, K null_value,
+                   uint8_t* missed) {
   constexpr uint64_t kAhead = 16;
   uint32_t n_missed = 0;
   for (uint64_t j = i; j < end; ++j) {
@@ -337,8 +329,9 @@ uint32_t SecondBucketPass(const uint32_t* flags, const K* keys, const V* vals, u
     const uint32_t h = KhashHash<K, V>::Hash(v);
     const uint32_t b0 = h & m;
     const uint32_t b = (b0 + Step(h, m)) & m;
-    const uint64_t miss = (FlagPair(flags, b0) & 2U) | FlagPair(flags, b) |
-                          (static_cast<uint64_t>(KeyWord(keys[b])) ^ static_cast<uint64_t>(KeyWord(v)));
+    const uint64_t miss =
+        (FlagPair(flags, b0) & 2U) | FlagPair(flags, b) |
+        (static_cast<uint64_t>(KeyWord(keys[b])) ^ static_cast<uint64_t>(KeyWord(v)));
     codes[j] = vals[b];
     missed[n_left] = missed[k];
     n_left += miss != 0;
@@ -379,10 +372,10 @@ void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, u
       } else if (skip_nulls) {
         pass = FirstPass<K, V, true, false>;
       }
-      n_missed = pass(flags_, keys_, vals_, m, values, codes, i, end, count, null_code,
-                      null_value, missed);
-      n_missed = SecondBucketPass<K, V>(flags_, keys_, vals_, m, values, codes, i, missed,
-                                        n_missed);
+      n_missed = pass(flags_, keys_, vals_, m, values, codes, i, end, count, null_code, null_value,
+                      missed);
+      n_missed =
+          SecondBucketPass<K, V>(flags_, keys_, vals_, m, values, codes, i, missed, n_missed);
     } else {
       for (uint64_t j = i; j < end; ++j) missed[n_missed++] = static_cast<uint8_t>(j - i);
     }

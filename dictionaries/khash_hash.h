@@ -57,10 +57,10 @@ class KhashHash : public HashBase<K, V> {
   // when the present keys would not fit under the new bound.
   void Resize(uint32_t requested);
 
-  uint32_t n_buckets_ = 0;    // 0 or a power of two
-  uint32_t size_ = 0;         // live keys
-  uint32_t n_occupied_ = 0;   // live plus deleted buckets
-  uint32_t upper_bound_ = 0;  // n_occupied_ at which the next insertion grows the table
+  uint32_t n_buckets_ = 0;     // 0 or a power of two
+  uint32_t size_ = 0;          // live keys
+  uint32_t n_occupied_ = 0;    // live plus deleted buckets
+  uint32_t upper_bound_ = 0;   // n_occupied_ at which the next insertion grows the table
   uint32_t* flags_ = nullptr;  // two bits per bucket: 2 empty, 1 deleted, 0 live
   K* keys_ = nullptr;          // n_buckets_ keys (malloc/realloc)
   V* vals_ = nullptr;          // n_buckets_ codes
