@@ -51,10 +51,16 @@ inline uint32_t Extend(char c) {
 }
 
 // Equal prefix words either hold the whole strings (their zero byte is inside) or both
-// strings go on past eight bytes.
+// strings go on past eight bytes; short tails are compared inline, long ones by strcmp.
 inline bool SameKey(const char* key, uint64_t key_prefix, const char* s, size_t length,
                     uint64_t prefix) {
-  return key_prefix == prefix && (length < 8 || std::strcmp(key + 8, s + 8) == 0);
+  if (key_prefix != prefix) return false;
+  if (length < 8) return true;
+  if (length >= 24) return std::strcmp(key + 8, s + 8) == 0;
+  for (size_t i = 8;; ++i) {
+    if (key[i] != s[i]) return false;
+    if (s[i] == 0) return true;
+  }
 }
 
 // The table's fields a lookup reads, copied into locals once per chunk so that writing the
@@ -68,7 +74,7 @@ struct View {
   uint64_t mod_n, mod_n1;
 };
 
-inline uint32_t Lookup(const View& v, const char* s, uint32_t hash, size_t length,
+__attribute__((always_inline)) inline uint32_t Lookup(const View& v, const char* s, uint32_t hash, size_t length,
                        uint64_t prefix) {
   constexpr uint32_t kNone = UINT32_MAX;
   if (v.n == 0) return kNone;
@@ -104,7 +110,7 @@ KHash::~KHash() {
 
 uint64_t KHash::Size() { return size_ + pending_; }
 
-KHash::Probe KHash::MakeProbe(const char* s) {
+__attribute__((always_inline)) inline KHash::Probe KHash::MakeProbe(const char* s) {
   Probe p{Extend(s[0]), 0, 0};
   if (p.hash != 0) {
     size_t n = 1;
@@ -230,6 +236,8 @@ bool KHash::Insert(char* key, unsigned code) {
   prefixes_[b] = probe.prefix;
   return true;
 }
+
+uint32_t KHash::BucketOf(const char* key) const { return Get(key, MakeProbe(key)); }
 
 bool KHash::Find(char* key, unsigned* code) {
   const uint32_t b = Get(key, MakeProbe(key));

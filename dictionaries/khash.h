@@ -56,7 +56,7 @@ class KHash : public HashBase<char*, unsigned int> {
   uint32_t BucketCount() const { return n_buckets_; }
   uint32_t UpperBound() const { return upper_bound_; }
   // The bucket holding key, or UINT32_MAX.
-  uint32_t BucketOf(const char* key) const { return Get(key, MakeProbe(key)); }
+  uint32_t BucketOf(const char* key) const;
 
  protected:
   const char* LogPrefix() const override { return "HashBase<char *, var_t>"; }
