@@ -21,6 +21,22 @@ namespace qopci {
 
 class KHash : public HashBase<char*, unsigned int> {
  public:
+  // Internal layout (public only for the implementation's helpers). What a lookup needs of a
+  // string, computed once: its hash, length and first sixteen bytes (zero-padded), which buckets
+  // are compared by before their strings.
+  struct Probe {
+    uint32_t hash;
+    uint32_t length;
+    uint64_t head[2];
+  };
+  // A bucket's code with its key's length and first sixteen bytes, kept together so that
+  // most comparisons never touch the key copy.
+  struct Slot {
+    uint64_t head[2];
+    uint32_t length;
+    unsigned val;
+  };
+
   // Sizes the table at once for initial_capacity keys; the pending count starts at 0.
   KHash(uint32_t initial_capacity, bool hashes_nulls);
   ~KHash() override;
@@ -64,13 +80,6 @@ class KHash : public HashBase<char*, unsigned int> {
  private:
   static constexpr uint32_t kAbsent = UINT32_MAX;  // no bucket
 
-  // What a lookup needs of a string, computed once: its hash, length and first eight bytes
-  // (zero-padded), the word buckets are compared by before their strings.
-  struct Probe {
-    uint32_t hash;
-    size_t length;
-    uint64_t prefix;
-  };
   static Probe MakeProbe(const char* key);
 
   // Bucket of key, or kAbsent.
@@ -90,9 +99,8 @@ class KHash : public HashBase<char*, unsigned int> {
   uint32_t upper_bound_ = 0;   // n_occupied_ at which the next put grows the table
   uint32_t* flags_ = nullptr;  // two bits per bucket: 2 empty, 1 deleted, 0 live
   char** keys_ = nullptr;      // owned copies
-  unsigned* vals_ = nullptr;
-  uint64_t* prefixes_ = nullptr;  // first eight key bytes, zero-padded: a cheap first test
-  uint64_t mod_n_ = 0;            // reciprocals for h mod n and h mod (n - 1)
+  Slot* slots_ = nullptr;      // codes, with each key's length and head
+  uint64_t mod_n_ = 0;         // reciprocals for h mod n and h mod (n - 1)
   uint64_t mod_n1_ = 0;
   uint64_t pending_ = 0;
 };
