@@ -286,21 +286,30 @@ void KHash::EncodeChunk(char* const* values, unsigned first_new_code, unsigned* 
   const unsigned char null1 = null0 != 0 ? static_cast<unsigned char>(null_value[1]) : 0;
   unsigned next_code = first_new_code;
   View v{flags_, keys_, slots_, n_buckets_, mod_n_, mod_n1_};
-  for (uint64_t i = 0; i < count; ++i) {
-    char* s = values[i];
-    const auto* u = reinterpret_cast<const unsigned char*>(s);
-    if (test_nulls && u[0] == null0 && (null0 == 0 || u[1] == null1)) {
-      codes[i] = null_code;
-      continue;
+  // Strings are hashed a block ahead of their lookups: hashing has no hard-to-predict
+  // branch, so a block's hashes overlap, and a mispredicted lookup no longer throws away
+  // the next string's hash.
+  constexpr uint64_t kBlock = 8;
+  Probe probes[kBlock];
+  for (uint64_t at = 0; at < count; at += kBlock) {
+    const uint64_t n = count - at < kBlock ? count - at : kBlock;
+    for (uint64_t k = 0; k < n; ++k) probes[k] = MakeProbe(values[at + k]);
+    for (uint64_t k = 0; k < n; ++k) {
+      const uint64_t i = at + k;
+      char* s = values[i];
+      const auto* u = reinterpret_cast<const unsigned char*>(s);
+      if (test_nulls && u[0] == null0 && (null0 == 0 || u[1] == null1)) {
+        codes[i] = null_code;
+        continue;
+      }
+      const uint32_t b = Lookup(v, s, probes[k]);
+      if (b != kAbsent) {
+        codes[i] = v.slots[b].val;
+        continue;
+      }
+      codes[i] = CodeAbsent(s, probes[k], &next_code, new_values, new_codes, new_count, store);
+      v = View{flags_, keys_, slots_, n_buckets_, mod_n_, mod_n1_};
     }
-    const Probe probe = MakeProbe(s);
-    const uint32_t b = Lookup(v, s, probe);
-    if (b != kAbsent) {
-      codes[i] = v.slots[b].val;
-      continue;
-    }
-    codes[i] = CodeAbsent(s, probe, &next_code, new_values, new_codes, new_count, store);
-    v = View{flags_, keys_, slots_, n_buckets_, mod_n_, mod_n1_};
   }
   if (*new_count == 0 || store == nullptr || !store->IsOpen()) return;
   // Every entry of the new lists goes to the store in one batch; the codes stand whether
