@@ -52,11 +52,11 @@ inline uint32_t Extend(char c) {
   return static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
 }
 
-// Same length and head: the whole key for up to fifteen bytes, else strcmp settles it.
+// Same head: the whole key for up to fifteen bytes (the head holds its zero byte), else
+// strcmp settles it on the bytes after the head.
 inline bool SameKey(const KHash::Slot& slot, const char* key, const char* s,
                     const KHash::Probe& p) {
-  const bool head =
-      ((slot.head[0] ^ p.head[0]) | (slot.head[1] ^ p.head[1]) | (slot.length ^ p.length)) == 0;
+  const bool head = ((slot.head[0] ^ p.head[0]) | (slot.head[1] ^ p.head[1])) == 0;
   return head && (p.length < 16 || std::strcmp(key + 16, s + 16) == 0);
 }
 
@@ -256,7 +256,7 @@ bool KHash::Insert(char* key, unsigned code) {
   const uint32_t b = Put(key, probe, &result);
   if (b == kAbsent || result == 0) return false;
   keys_[b] = strdup(key);
-  slots_[b] = Slot{{probe.head[0], probe.head[1]}, probe.length, code};
+  slots_[b] = Slot{{probe.head[0], probe.head[1]}, code};
   return true;
 }
 
@@ -351,7 +351,7 @@ unsigned KHash::CodeAbsent(char* value, const Probe& probe, unsigned* next_code,
   const uint32_t b = Put(value, probe, &result);
   if (b == kAbsent || result == 0) throw "Value wasn't inserted into hash table";
   keys_[b] = strdup(value);
-  slots_[b] = Slot{{probe.head[0], probe.head[1]}, probe.length, *next_code};
+  slots_[b] = Slot{{probe.head[0], probe.head[1]}, *next_code};
   new_values[*new_count] = value;
   new_codes[*new_count] = *next_code;
   ++*new_count;

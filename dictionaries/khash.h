@@ -29,11 +29,10 @@ class KHash : public HashBase<char*, unsigned int> {
     uint32_t length;
     uint64_t head[2];
   };
-  // A bucket's code with its key's length and first sixteen bytes, kept together so that
-  // most comparisons never touch the key copy.
+  // A bucket's code with its key's first sixteen bytes, kept together so that most
+  // comparisons never touch the key copy. Equal heads holding a zero byte are equal keys.
   struct Slot {
     uint64_t head[2];
-    uint32_t length;
     unsigned val;
   };
 
