@@ -125,6 +125,8 @@ TEST(KHashTest, SizingPlacementAndGrowth) {
       KHash fresh(c.initial_capacity, true);
       ASSERT_TRUE(fresh.Insert(at_page_end, 5));
       EXPECT_EQ(fresh.BucketOf(at_page_end), X31(at_page_end) % c.buckets) << length;
+      std::string elsewhere = at_page_end;  // hashed the other way, found all the same
+      EXPECT_EQ(fresh.BucketOf(elsewhere.c_str()), fresh.BucketOf(at_page_end));
     }
     for (std::string key : keys) {
       KHash fresh(c.initial_capacity, true);
