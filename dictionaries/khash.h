@@ -48,7 +48,8 @@ class KHash : public HashBase<char*, unsigned int> {
                    char** new_values, unsigned* new_codes, uint64_t* new_count, unsigned null_code,
                    char* null_value) override;
   // As above, consulting store (which may be unopened) for strings missing from memory
-  // while entries are pending, and writing the new strings of the call to an open store in
+  // while entries are pending; a string found there keeps its stored code and is not a new
+  // value. Then, when *new_count is not 0, the new lists from index 0 go to an open store in
   // one batch (a failed write is ignored: the codes stand). A null test compares only the
   // first two bytes with null_value's. new_values[i] point at the callers' strings (not
   // copies). Throws "Value wasn't inserted into hash table" when a string can be neither
