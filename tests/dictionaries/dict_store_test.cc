@@ -55,7 +55,6 @@ bool AllNull(const DictStore& s) {
 TEST(DictStoreTest, OrdersKeysCaseFoldedThenByBytes) {
   TempDir dir;
   DictStore store;
-  // Put in an order unrelated to the expected one.
   Entries entries;
   for (const char* key : {"zebra", "apple", "\xc3\xa9t\xc3\xa9", "Banana", "_x", "APPLE", "b",
                           "Zulu", "apples", "a", "\x80", "Apple", "banana"}) {
@@ -102,12 +101,6 @@ TEST(DictStoreTest, OpenFailsWithoutAStoreOfItsOwnKind) {
   std::string error;
   EXPECT_FALSE(CreateDictStore(other.c_str(), &error));  // a store is already there
   EXPECT_NE(error.find("cannot create the dictionary store"), std::string::npos) << error;
-
-  DictStore store;
-  ASSERT_TRUE(CreateDictStore(empty.c_str(), &error)) << error;
-  ASSERT_TRUE(store.Open(empty.c_str()));
-  store.Close();
-  EXPECT_TRUE(AllNull(store));
 }
 
 TEST(DictStoreTest, ToolHelpersPutCountVisitAndDelete) {
@@ -127,18 +120,13 @@ TEST(DictStoreTest, ToolHelpersPutCountVisitAndDelete) {
   EXPECT_EQ(std::string(raw, length), std::string("\xD4\xC3\xB2\xA1", 4));
   leveldb_free(raw);
   uint64_t count = 0;
-  ASSERT_TRUE(DictStoreCount(&store, &count, &error));
-  EXPECT_EQ(count, 2u);
-
+  ASSERT_TRUE(DictStoreCount(&store, &count, &error) && count == 2) << error << count;
   EXPECT_FALSE(DictStorePut(&store, std::string_view("a\0b", 3), 1, &error));
   EXPECT_EQ(error, "key holds a zero byte");
   leveldb_put(store.db, store.write_options, "short\0", 6, "abc", 3, &text);
   ASSERT_EQ(text, nullptr);
   EXPECT_FALSE(DictStoreCount(&store, &count, &error));
   EXPECT_EQ(error, "the dictionary store holds an entry that is not a string with a 4-byte code");
-  DictStore closed;
-  EXPECT_FALSE(DictStorePut(&closed, "x", 1, &error));
-  EXPECT_EQ(error, "the dictionary store is not open");
 }
 
 TEST(DictStoreTest, KHashReadsPendingEntriesAndWritesNewOnes) {

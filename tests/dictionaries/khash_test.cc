@@ -53,8 +53,8 @@ TEST(KHashTest, CodesLikeAReferenceMap) {
     SCOPED_TRACE(c.distinct);
     std::mt19937 rng(42);
     std::vector<std::string> pool = Distinct(c.distinct, &rng);
-    for (const char* tail : {"", "h", "hi", "xyz", "hijklmnop"})
-      pool.push_back("abcdefg" + std::string(tail));
+    for (const char* tail : {"", "p", "pq", "pqrstuvw"})
+      pool.push_back("abcdefghijklmno" + std::string(tail));
     std::vector<std::string> rows;
     for (size_t i = 0; i < c.rows; ++i) rows.push_back(i % 13 ? pool[rng() % pool.size()] : kNil);
     KHash table(c.initial_capacity, c.hashes_nulls);
@@ -166,13 +166,13 @@ TEST(KHashTest, KeysAreCopiesAndDuplicatesAreRefused) {
   char original[] = "mutable";
   ASSERT_TRUE(table.Find(original, &code));
   EXPECT_EQ(code, 3u);
-  // Keys sharing their first eight bytes stay apart.
-  for (std::string base = "base0000"; base[7] <= '9'; ++base[7]) {
+  // Keys sharing their first sixteen bytes stay apart.
+  for (std::string base = "sixteen byte 000"; base[15] <= '9'; ++base[15]) {
     for (std::string tail : {"a", "b", "cd", "efghijk"}) {
       ASSERT_TRUE(table.Insert((base + tail).data(), 1));
     }
   }
-  for (std::string base = "base0000"; base[7] <= '9'; ++base[7]) {
+  for (std::string base = "sixteen byte 000"; base[15] <= '9'; ++base[15]) {
     EXPECT_FALSE(table.Find(base.data(), &code)) << base;
   }
 }
