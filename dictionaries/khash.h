@@ -11,6 +11,7 @@
 #ifndef QOPCI_DICTIONARIES_KHASH_H_
 #define QOPCI_DICTIONARIES_KHASH_H_
 
+#include <cstddef>
 #include <cstdint>
 
 #include "dictionaries/dict_store.h"
@@ -28,18 +29,18 @@ class KHash : public HashBase<char*, unsigned int> {
   uint64_t Size() override;
 
   // The store form with no store: everything is coded in memory.
-  void EncodeChunk(char* const* values, unsigned first_new_code, unsigned* codes,
-                   uint64_t count, char** new_values, unsigned* new_codes, uint64_t* new_count,
-                   unsigned null_code, char* null_value) override;
+  void EncodeChunk(char* const* values, unsigned first_new_code, unsigned* codes, uint64_t count,
+                   char** new_values, unsigned* new_codes, uint64_t* new_count, unsigned null_code,
+                   char* null_value) override;
   // As above, consulting store (which may be unopened) for strings missing from memory
   // while entries are pending, and writing the new strings of the call to an open store in
   // one batch (a failed write is ignored: the codes stand). A null test compares only the
   // first two bytes with null_value's. new_values[i] point at the callers' strings (not
   // copies). Throws "Value wasn't inserted into hash table" when a string can be neither
   // found nor placed.
-  void EncodeChunk(char* const* values, unsigned first_new_code, unsigned* codes,
-                   uint64_t count, char** new_values, unsigned* new_codes, uint64_t* new_count,
-                   unsigned null_code, char* null_value, DictStore* store);
+  void EncodeChunk(char* const* values, unsigned first_new_code, unsigned* codes, uint64_t count,
+                   char** new_values, unsigned* new_codes, uint64_t* new_count, unsigned null_code,
+                   char* null_value, DictStore* store);
 
   // Copies key into the table with code; false (code unchanged) when key is present.
   bool Insert(char* key, unsigned code) override;
@@ -54,6 +55,8 @@ class KHash : public HashBase<char*, unsigned int> {
   // For tests.
   uint32_t BucketCount() const { return n_buckets_; }
   uint32_t UpperBound() const { return upper_bound_; }
+  // The bucket holding key, or UINT32_MAX.
+  uint32_t BucketOf(const char* key) const { return Get(key, MakeProbe(key)); }
 
  protected:
   const char* LogPrefix() const override { return "HashBase<char *, var_t>"; }
@@ -61,24 +64,32 @@ class KHash : public HashBase<char*, unsigned int> {
  private:
   static constexpr uint32_t kAbsent = UINT32_MAX;  // no bucket
 
-  // Bucket of key (hash and prefix word given), or kAbsent.
-  uint32_t Get(const char* key, uint32_t hash, uint64_t prefix) const;
+  // What a lookup needs of a string, computed once: its hash, length and first eight bytes
+  // (zero-padded), the word buckets are compared by before their strings.
+  struct Probe {
+    uint32_t hash;
+    size_t length;
+    uint64_t prefix;
+  };
+  static Probe MakeProbe(const char* key);
+
+  // Bucket of key, or kAbsent.
+  uint32_t Get(const char* key, const Probe& probe) const;
   // Puts key; *result 0 present, 1 placed in an empty bucket, 2 in a deleted one; returns
-  // the bucket or kAbsent (neither found nor placed). Does not copy or store the key.
-  uint32_t Put(const char* key, uint32_t hash, uint64_t prefix, int* result);
+  // the bucket or kAbsent (neither found nor placed). Does not store the key itself.
+  uint32_t Put(const char* key, const Probe& probe, int* result);
   // Grows or rehashes to the smallest prime bucket count above requested.
   void Resize(uint32_t requested);
-  // Codes one string missing from memory: from the store when it holds it, else anew.
-  unsigned CodeAbsent(char* value, uint32_t hash, uint64_t prefix, unsigned* next_code,
-                      char** new_values, unsigned* new_codes, uint64_t* new_count,
-                      DictStore* store);
+  // Codes a string missing from memory: from the store when it holds it, else anew.
+  unsigned CodeAbsent(char* value, const Probe& probe, unsigned* next_code, char** new_values,
+                      unsigned* new_codes, uint64_t* new_count, DictStore* store);
 
   uint32_t n_buckets_ = 0;
-  uint32_t size_ = 0;         // live keys
-  uint32_t n_occupied_ = 0;   // live plus deleted buckets
-  uint32_t upper_bound_ = 0;  // n_occupied_ at which the next put grows the table
-  uint32_t* flags_ = nullptr;     // two bits per bucket: 2 empty, 1 deleted, 0 live
-  char** keys_ = nullptr;         // owned copies
+  uint32_t size_ = 0;          // live keys
+  uint32_t n_occupied_ = 0;    // live plus deleted buckets
+  uint32_t upper_bound_ = 0;   // n_occupied_ at which the next put grows the table
+  uint32_t* flags_ = nullptr;  // two bits per bucket: 2 empty, 1 deleted, 0 live
+  char** keys_ = nullptr;      // owned copies
   unsigned* vals_ = nullptr;
   uint64_t* prefixes_ = nullptr;  // first eight key bytes, zero-padded: a cheap first test
   uint64_t mod_n_ = 0;            // reciprocals for h mod n and h mod (n - 1)
