@@ -134,14 +134,18 @@ bool KhashHash<K, V>::Insert(K key, V code) {
 }
 
 template <typename K, typename V>
-uint32_t KhashHash<K, V>::Put(K key, PutResult* result) {
-  if (n_occupied_ >= upper_bound_) {
-    if (n_buckets_ > (static_cast<uint64_t>(size_) << 1)) {
-      Resize(n_buckets_ - 1);  // same size: clears deleted buckets
-    } else {
-      Resize(n_buckets_ + 1);
-    }
+void KhashHash<K, V>::GrowIfFull() {
+  if (n_occupied_ < upper_bound_) return;
+  if (n_buckets_ > (static_cast<uint64_t>(size_) << 1)) {
+    Resize(n_buckets_ - 1);  // same size: clears deleted buckets
+  } else {
+    Resize(n_buckets_ + 1);
   }
+}
+
+template <typename K, typename V>
+uint32_t KhashHash<K, V>::Put(K key, PutResult* result) {
+  GrowIfFull();
   if (n_buckets_ == 0) return n_buckets_;
   const uint32_t m = n_buckets_ - 1;
   const uint32_t h = Hash(key);
@@ -259,6 +263,103 @@ void KhashHash<K, V>::Resize(uint32_t requested) {
   upper_bound_ = bound;
 }
 
+namespace {
+
+// The bucket of key by a full walk from its start bucket, as a put walks; m + 1 (an
+// impossible bucket) when the key is absent.
+template <typename K, typename V>
+inline uint32_t Walk(const uint32_t* flags, const K* keys, uint32_t m, K key) {
+  const uint32_t h = KhashHash<K, V>::Hash(key);
+  const uint32_t step = Step(h, m);
+  const uint32_t start = h & m;
+  uint32_t b = start;
+  for (;;) {
+    const uint32_t pair = FlagPair(flags, b);
+    if (pair & 2U) return m + 1;
+    if (pair == 0 && SameKey(keys[b], key)) return b;
+    b = (b + step) & m;
+    if (b == start) return m + 1;
+  }
+}
+
+// The first pass over a block values[i..end) of EncodeChunk, while the table is below its
+// upper bound. It looks at each value's start bucket only and has no branch on what it finds
+// there (whether a key sits at its start bucket is a coin toss that no branch predictor
+// learns): it writes the code found there, or the null code, and lists in missed the offsets
+// of the other values; returns how many. Without branches the loads of a whole block are in
+// flight together; with kPrefetch, for tables beyond the first cache levels, the flag word,
+// key and code at the start bucket of values further ahead are fetched early as well.
+template <typename K, typename V, bool kSkipNulls, bool kPrefetch>
+uint32_t FirstPass(const uint32_t* flags, const K* keys, const V* vals, uint32_t m,
+                   const K* values, V* codes, uint64_t i, uint64_t end, uint64_t count,
+                   V null_code, K null_value, uint8_t* missed) {
+  constexpr uint64_t kAhead = 16;
+  uint32_t n_missed = 0;
+  for (uint64_t j = i; j < end; ++j) {
+    if constexpr (kPrefetch) {
+      if (j + kAhead < count) {
+        const uint32_t a = KhashHash<K, V>::Hash(values[j + kAhead]) & m;
+        __builtin_prefetch(&flags[a >> 4]);
+        __builtin_prefetch(&keys[a]);
+        __builtin_prefetch(&vals[a]);
+      }
+    }
+    const K v = values[j];
+    const uint32_t b = KhashHash<K, V>::Hash(v) & m;
+    // 0 when the bucket is live and holds v's bits.
+    uint64_t miss = FlagPair(flags, b) |
+                    (static_cast<uint64_t>(KeyWord(keys[b])) ^ static_cast<uint64_t>(KeyWord(v)));
+    V code = vals[b];
+    if constexpr (kSkipNulls) {
+      // A floating-point comparison for doubles: a NaN null never matches.
+      const bool null = v == null_value;
+      code = null ? null_code : code;
+      miss = null ? 0 : miss;
+    }
+    codes[j] = code;
+    missed[n_missed] = static_cast<uint8_t>(j - i);
+    n_missed += miss != 0;
+  }
+  return n_missed;
+}
+
+// The same for the values listed in missed[0..n_missed) by FirstPass, at the second bucket
+// of their walk (which counts only when the start bucket is not empty, as a walk would stop
+// there). Keeps in missed, in order, the values still not found; returns how many.
+template <typename K, typename V>
+uint32_t SecondBucketPass(const uint32_t* flags, const K* keys, const V* vals, uint32_t m,
+                          const K* values, V* codes, uint64_t i, uint8_t* missed,
+                          uint32_t n_missed) {
+  uint32_t n_left = 0;
+  for (uint32_t k = 0; k < n_missed; ++k) {
+    const uint64_t j = i + missed[k];
+    const K v = values[j];
+    const uint32_t h = KhashHash<K, V>::Hash(v);
+    const uint32_t b0 = h & m;
+    const uint32_t b = (b0 + Step(h, m)) & m;
+    const uint64_t miss = (FlagPair(flags, b0) & 2U) | FlagPair(flags, b) |
+                          (static_cast<uint64_t>(KeyWord(keys[b])) ^ static_cast<uint64_t>(KeyWord(v)));
+    codes[j] = vals[b];
+    missed[n_left] = missed[k];
+    n_left += miss != 0;
+  }
+  return n_left;
+}
+
+// Tables at least this large no longer sit in the first cache levels: prefetch for them.
+constexpr uint32_t kPrefetchBuckets = 1U << 15;
+constexpr uint64_t kBlock = 64;
+
+}  // namespace
+
+// Values go in blocks of kBlock. A first pass codes the keys found at their start buckets;
+// the second goes through the others in input order, walking for a present key and putting
+// a new one. Lookups follow the walk of a put, so a present key gets the bucket a put would
+// give it. The first pass does not resize, which a put does first once the table reached
+// its bound; it runs only while the table is below the bound, and when an insertion reaches
+// it, the table grows at once if a value needing a put follows in the chunk, as the put of
+// that value would. So buckets, probe order, codes and resize points are those of one put
+// per value in input order.
 template <typename K, typename V>
 void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, uint64_t count,
                                   K* new_values, V* new_codes, uint64_t* new_count, V null_code,
@@ -266,28 +367,61 @@ void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, u
   const bool skip_nulls = !this->HashesNulls();
   V next = first_new_code;
   uint64_t added = *new_count;
-  for (uint64_t i = 0; i < count; ++i) {
-    const K v = values[i];
-    // A floating-point comparison for doubles: a NaN null never matches.
-    if (skip_nulls && v == null_value) {
-      codes[i] = null_code;
-      continue;
-    }
-    PutResult result;
-    const uint32_t b = Put(v, &result);
-    if (b == n_buckets_) {
-      *new_count = added;
-      throw kNotInserted;
-    }
-    if (result == kPresent) {
-      codes[i] = vals_[b];
+  uint8_t missed[kBlock];
+  for (uint64_t i = 0; i < count; i += kBlock) {
+    const uint64_t end = count - i < kBlock ? count : i + kBlock;
+    uint32_t n_missed = 0;
+    if (n_buckets_ != 0 && n_occupied_ < upper_bound_) {
+      const uint32_t m = n_buckets_ - 1;
+      auto* pass = FirstPass<K, V, false, false>;
+      if (n_buckets_ >= kPrefetchBuckets) {
+        pass = skip_nulls ? FirstPass<K, V, true, true> : FirstPass<K, V, false, true>;
+      } else if (skip_nulls) {
+        pass = FirstPass<K, V, true, false>;
+      }
+      n_missed = pass(flags_, keys_, vals_, m, values, codes, i, end, count, null_code,
+                      null_value, missed);
+      n_missed = SecondBucketPass<K, V>(flags_, keys_, vals_, m, values, codes, i, missed,
+                                        n_missed);
     } else {
+      for (uint64_t j = i; j < end; ++j) missed[n_missed++] = static_cast<uint8_t>(j - i);
+    }
+    for (uint32_t k = 0; k < n_missed; ++k) {
+      const uint64_t j = i + missed[k];
+      const K v = values[j];
+      if (skip_nulls && v == null_value) {
+        codes[j] = null_code;
+        continue;
+      }
+      if (n_buckets_ != 0 && n_occupied_ < upper_bound_) {
+        const uint32_t b = Walk<K, V>(flags_, keys_, n_buckets_ - 1, v);
+        if (b < n_buckets_) {
+          codes[j] = vals_[b];
+          continue;
+        }
+      }
+      PutResult result;
+      const uint32_t b = Put(v, &result);
+      if (b == n_buckets_) {
+        *new_count = added;
+        throw kNotInserted;
+      }
+      if (result == kPresent) {
+        codes[j] = vals_[b];
+        continue;
+      }
       vals_[b] = next;
-      codes[i] = next;
+      codes[j] = next;
       new_codes[added] = next;
       new_values[added] = v;
       ++added;
       ++next;
+      if (n_occupied_ >= upper_bound_) {
+        // The put of the next value would grow the table first: grow it now.
+        uint64_t after = j + 1;
+        while (after < count && skip_nulls && values[after] == null_value) ++after;
+        if (after < count) GrowIfFull();
+      }
     }
   }
   *new_count = added;

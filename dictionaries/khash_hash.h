@@ -51,6 +51,8 @@ class KhashHash : public HashBase<K, V> {
   // is marked live but its code is left for the caller to store. Returns n_buckets_ when the
   // key can be neither found nor placed.
   uint32_t Put(K key, PutResult* result);
+  // What every put does first: grows the table when the occupied buckets reached the bound.
+  void GrowIfFull();
   // Grows (or rehashes at the same size) to hold at least requested buckets; does nothing
   // when the present keys would not fit under the new bound.
   void Resize(uint32_t requested);
