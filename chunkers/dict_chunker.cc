@@ -37,23 +37,24 @@ size_t SimpleTypeDictChunker<K, C, RC>::InsertRun(const void* src, const char* t
   const size_t k = n < room ? n : static_cast<size_t>(room);
   if (k == 0) return 0;
   const char* p = static_cast<const char*>(src);
-  if (this->nil_as_key_ && this->no_nil_) {
-    for (size_t i = 0; i < k; i++) {
-      if (std::memcmp(p + i * stride, nil, stride) == 0) {
-        this->no_nil_ = false;
-        break;
-      }
-    }
-  }
+  // A nil row with nil as a key clears the no-nil flag, as InsertValue does.
+  auto note_nil = [&] {
+    if (this->nil_as_key_) this->no_nil_ = false;
+  };
   std::unique_ptr<K[]> keys(new K[k]);
   const K key_nil = *this->GetNilValue();
-  if (this->cast_direct_ && stride == sizeof(K)) {
-    CopyReplacingNil(p, k, nil, key_nil, keys.get());
-  } else if (this->cast_run_ != nullptr && stride == this->cast_width_) {
-    this->cast_run_(p, k, nil, key_nil, keys.get());
+  const bool vector_run = this->cast_direct_ && stride == sizeof(K);
+  if (vector_run || (this->cast_run_ != nullptr && stride == this->cast_width_)) {
+    if (vector_run)
+      CopyReplacingNil(p, k, nil, key_nil, keys.get());
+    else
+      this->cast_run_(p, k, nil, key_nil, keys.get());
+    for (size_t i = 0; i < k && this->nil_as_key_ && this->no_nil_; i++)
+      if (std::memcmp(p + i * stride, nil, stride) == 0) note_nil();
   } else {
     for (size_t i = 0; i < k; i++, p += stride) {
       if (std::memcmp(p, nil, stride) == 0) {
+        note_nil();
         keys[i] = key_nil;
         continue;
       }
