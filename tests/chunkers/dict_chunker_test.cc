@@ -97,8 +97,11 @@ TYPED_TEST(DictChunkerTest, CodesInFirstSeenOrderAcrossChunksAndAfterAReload) {
   C code = 0;
   EXPECT_TRUE(c.LookupCode(11, &code) && code == 3);
   EXPECT_EQ(TakeFixed(c), (Streams<K, C>{{11}, {3}, {2, 3}}));
-  EXPECT_EQ(c.GetValueCount(), 5u);
-  EXPECT_TRUE(c.IsSorted() && !c.IsKey());  // the code stream 1 1 2 2 3
+  EXPECT_TRUE(c.AddEntry(20, 4));
+  EXPECT_FALSE(c.AddEntry(20, 5));  // already in the dictionary: nothing stored
+  EXPECT_EQ(TakeFixed(c), (Streams<K, C>{{20}, {4}, {4}}));
+  EXPECT_EQ(c.GetValueCount(), 6u);
+  EXPECT_TRUE(c.IsSorted() && !c.IsKey());  // the code stream 1 1 2 2 3 4
 
   TempDir dir;
   const std::string keys = WriteFile(dir.path() + "/k", Bytes(std::vector<K>{10, 20, 30, 40, 50}));
