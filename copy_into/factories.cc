@@ -14,7 +14,9 @@
 #include "readers/simple_type_bat_reader.h"
 #include "readers/simple_type_dict_reader.h"
 #include "readers/string_reader.h"
+#include "writers/dict_bat_writer.h"
 #include "writers/simple_type_bat_writer.h"
+#include "writers/string_dict_writer.h"
 #include "writers/string_writer.h"
 
 namespace qopci {
@@ -169,6 +171,62 @@ BATWriter* MakeStringWriter(CIManager& m, CIManager::ColumnEntry& e) {
     std::snprintf(text, sizeof text,
                   "String tail width %d of %s differs from width %d of its %llu-byte heap", width,
                   tail, static_cast<int>(w->GetValueWidth()), bytes);
+    delete w;
+    throw static_cast<const char*>(text);
+  }
+  return w;
+}
+
+// A dictionary-coded column of fixed-width keys: the keys (20) and their codes (21) are
+// appended to; the row codes (5) follow keep-existing (6). The key type is the simple type
+// code (4) of the five dictionary chunkers: 0 int, 2 char, 4 short, 6 int64 and 8 double
+// keys; the codes are of the key's width up to int, unsigned 32-bit for the wider keys.
+// An empty row-code file name makes a writer of the dictionary only.
+BATWriter* MakeSimpleTypeDictWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  const char *codes, *keys, *key_codes;
+  int keep, code;
+  int64_t entries, rows;
+  if (!m.GetAttrStr(e.second, 5, 897, &codes) || !m.GetAttrStr(e.second, 20, 898, &keys) ||
+      !m.GetAttrStr(e.second, 21, 899, &key_codes) || !m.GetAttrInt(e.second, 6, 900, &keep) ||
+      !m.GetAttrInt(e.second, 4, 901, &code) || !m.GetAttrLng(e.second, 39, 902, &entries) ||
+      !m.GetAttrLng(e.second, 40, 903, &rows))
+    return nullptr;
+  if (*codes == '\0') codes = nullptr;
+  const bool k = keep != 0;
+  const auto n = static_cast<uint64_t>(entries), r = static_cast<uint64_t>(rows);
+  switch (code) {
+    case 0: return new SimpleTypeDictWriter<int, int, int>(keys, key_codes, codes, k, n, r);
+    case 2: return new SimpleTypeDictWriter<char, char, char>(keys, key_codes, codes, k, n, r);
+    case 4: return new SimpleTypeDictWriter<short, short, short>(keys, key_codes, codes, k, n, r);
+    case 6:
+      return new SimpleTypeDictWriter<int64_t, unsigned, unsigned>(keys, key_codes, codes, k, n, r);
+    case 8:
+      return new SimpleTypeDictWriter<double, unsigned, unsigned>(keys, key_codes, codes, k, n, r);
+    default: throw "Simple Type Writer not supported";
+  }
+}
+
+// A dictionary-coded string column: the dictionary's strings go to its key heap (22) and
+// key tail (20), their codes to 21, the row codes to 5.
+BATWriter* MakeStringDictWriter(CIManager& m, CIManager::ColumnEntry& e) {
+  const char *codes, *heap, *keys, *key_codes;
+  int width, keep;
+  int64_t entries, rows, heap_size;
+  if (!m.GetAttrStr(e.second, 5, 1053, &codes) || !m.GetAttrStr(e.second, 22, 1054, &heap) ||
+      !m.GetAttrStr(e.second, 20, 1055, &keys) || !m.GetAttrStr(e.second, 21, 1056, &key_codes) ||
+      !m.GetAttrInt(e.second, 23, 1057, &width) || !m.GetAttrLng(e.second, 39, 1058, &entries) ||
+      !m.GetAttrLng(e.second, 40, 1059, &rows) || !m.GetAttrLng(e.second, 42, 1060, &heap_size) ||
+      !m.GetAttrInt(e.second, 6, 1061, &keep))
+    return nullptr;
+  if (*codes == '\0') codes = nullptr;
+  auto* w = new StringDictWriter(heap, keys, key_codes, codes, keep != 0,
+                                 static_cast<uint64_t>(entries), static_cast<uint64_t>(rows),
+                                 static_cast<uint64_t>(heap_size));
+  // As for a string column: the key tail is appended to at the width its heap gives.
+  if (entries > 0 && static_cast<uint32_t>(width) != w->member(0)->GetValueWidth()) {
+    static char text[4096 + 128];
+    std::snprintf(text, sizeof text, "String tail width %d of %s differs from width %d of its heap",
+                  width, keys, static_cast<int>(w->member(0)->GetValueWidth()));
     delete w;
     throw static_cast<const char*>(text);
   }
@@ -351,8 +409,10 @@ void FillFactoryTables() {
   g_chunkers[2] = MakeStringChunker;
   g_chunkers[4] = MakeDecimalChunker;
   g_writers[0] = MakeSimpleTypeWriter;
+  g_writers[1] = MakeSimpleTypeDictWriter;
   g_writers[3] = MakeLngWriter;
   g_writers[5] = MakeStringWriter;
+  g_writers[6] = MakeStringDictWriter;
   g_writers[7] = MakeDecimalWriter;
   g_readers[0] = MakeResultReader;
   g_readers[1] = MakeRowIdReader;
