@@ -12,6 +12,8 @@
 #include "corvid/sql.h"
 #include "qopci/qopci.h"
 #include "tools/column_attributes.h"
+#include "tools/dict_store_prep.h"
+#include "tools/dict_target.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/session.h"
@@ -22,6 +24,23 @@ namespace {
 
 const char* Action(const TargetColumn& t) {
   return t.created ? "created" : t.replaced != 0 ? "replaced" : "appended";
+}
+
+// Entries of a dictionary column's committed dictionary.
+uint64_t DictionarySize(const Manifest& manifest, const ManifestColumn& c) {
+  const bat keys = CVDbat_lookup(DictKeysName(TargetName(manifest, c)).c_str());
+  const BAT* b = keys != 0 ? BBPgetdesc(keys) : nullptr;
+  return b != nullptr ? b->batCount : 0;
+}
+
+// The summary's type: "int", or "string dictionary[3]" with the dictionary's size, and
+// "in memory" when a store was asked for and could not be used.
+std::string SummaryType(const Manifest& manifest, const TargetColumn& t) {
+  const ManifestColumn& c = manifest.columns[t.manifest_index];
+  if (!c.dictionary) return EncodingName(c);
+  std::string type = ColumnTypeName(c) + "[" + std::to_string(DictionarySize(manifest, c)) + "]";
+  if (c.store) type += t.store_note.empty() ? " leveldb" : " in memory";
+  return type;
 }
 
 void PrintJsonSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets,
@@ -39,12 +58,18 @@ void PrintJsonSummary(const Manifest& manifest, const std::vector<TargetColumn>&
       flags.push_back(words.substr(at, end - at));
       at = end + 1;
     }
-    columns.push_back({{"name", TargetName(manifest, c)},
-                       {"type", EncodingName(c)},
-                       {"action", Action(t)},
-                       {"rows", b->batCount},
-                       {"tail_bytes", b->theap.free},
-                       {"flags", flags}});
+    nlohmann::ordered_json column = {{"name", TargetName(manifest, c)},
+                                     {"type", ColumnTypeName(c)},
+                                     {"action", Action(t)},
+                                     {"rows", b->batCount},
+                                     {"tail_bytes", b->theap.free},
+                                     {"flags", flags}};
+    if (c.dictionary) {
+      column["dictionary_entries"] = DictionarySize(manifest, c);
+      if (c.store) column["store"] = t.store_note.empty() ? "leveldb" : "in memory";
+      if (!t.store_note.empty()) column["store_note"] = t.store_note;
+    }
+    columns.push_back(column);
   }
   nlohmann::ordered_json summary = {
       {"table", manifest.table}, {"columns", columns}, {"rows", rows}, {"seconds", seconds}};
@@ -64,7 +89,7 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
     const BAT* b = id != 0 ? BBPgetdesc(id) : nullptr;
     if (b == nullptr) continue;
     std::snprintf(line, sizeof line, "%-24s %-14s %-9s %12llu %14zu  %s\n",
-                  TargetName(manifest, c).c_str(), EncodingName(c).c_str(), Action(t),
+                  TargetName(manifest, c).c_str(), SummaryType(manifest, t).c_str(), Action(t),
                   static_cast<unsigned long long>(b->batCount), b->theap.free,
                   FlagWords(*b).c_str());
     out << line;
@@ -103,6 +128,9 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
       if (c.manifest_index == t.manifest_index &&
           manifest.columns[c.manifest_index].encoding == Encoding::kSerial)
         NumberSerial(data->rows, t.info.existing_count + 1, &c);
+  s = CheckCodeLimits(manifest, targets, *data);
+  if (!s.ok()) return s;
+  PrepareStores(farm.lexically_normal().string(), manifest, &targets, std::cerr);
   int result_id = 0;
   s = BuildResultTable(session.context(), manifest, *data, options.single_row, &result_id);
   if (s.ok()) s = RegisterColumns(manifest, targets, options.sync, data->rows);
@@ -114,6 +142,7 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (attempted == 0) return Status::Error("export: no column was registered");
   if (error != nullptr) return Status::Error(error);  // the library's buffer
+  FinishStores(manifest, targets, std::cerr);
 
   if (options.json)
     PrintJsonSummary(manifest, targets, data->rows, seconds, out);
