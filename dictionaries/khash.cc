@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dictionaries/khash_probe.h"
+
 namespace qopci {
 
 namespace {
@@ -50,17 +52,12 @@ inline uint32_t Extend(char c) {
   return static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
 }
 
-// Equal prefix words either hold the whole strings (their zero byte is inside) or both
-// strings go on past eight bytes; short tails are compared inline, long ones by strcmp.
-inline bool SameKey(const char* key, uint64_t key_prefix, const char* s, size_t length,
-                    uint64_t prefix) {
-  if (key_prefix != prefix) return false;
-  if (length < 8) return true;
-  if (length >= 24) return std::strcmp(key + 8, s + 8) == 0;
-  for (size_t i = 8;; ++i) {
-    if (key[i] != s[i]) return false;
-    if (s[i] == 0) return true;
-  }
+// Same head: the whole key for up to fifteen bytes (the head holds its zero byte), else
+// strcmp settles it on the bytes after the head.
+inline bool SameKey(const KHash::Slot& slot, const char* key, const char* s,
+                    const KHash::Probe& p) {
+  const bool head = ((slot.head[0] ^ p.head[0]) | (slot.head[1] ^ p.head[1])) == 0;
+  return head && (p.length < 16 || std::strcmp(key + 16, s + 16) == 0);
 }
 
 // The table's fields a lookup reads, copied into locals once per chunk so that writing the
@@ -68,26 +65,51 @@ inline bool SameKey(const char* key, uint64_t key_prefix, const char* s, size_t 
 struct View {
   const uint32_t* flags;
   char* const* keys;
-  const unsigned* vals;
-  const uint64_t* prefixes;
+  const KHash::Slot* slots;
   uint32_t n;
   uint64_t mod_n, mod_n1;
 };
 
-__attribute__((always_inline)) inline uint32_t Lookup(const View& v, const char* s, uint32_t hash, size_t length,
-                       uint64_t prefix) {
+__attribute__((always_inline)) inline uint32_t Lookup(const View& v, const char* s,
+                                                      const KHash::Probe& p) {
   constexpr uint32_t kNone = UINT32_MAX;
   if (v.n == 0) return kNone;
-  uint32_t i = Mod(hash, v.mod_n, v.n);
+  uint32_t i = Mod(p.hash, v.mod_n, v.n);
   if (IsEmpty(v.flags, i)) return kNone;
-  if (!IsDeleted(v.flags, i) && SameKey(v.keys[i], v.prefixes[i], s, length, prefix)) return i;
+  if (!IsDeleted(v.flags, i) && SameKey(v.slots[i], v.keys[i], s, p)) return i;
   const uint32_t last = i;
-  const uint32_t step = 1 + Mod(hash, v.mod_n1, v.n - 1);
+  const uint32_t step = 1 + Mod(p.hash, v.mod_n1, v.n - 1);
   for (;;) {
     i = Next(i, step, v.n);
     if (i == last || IsEmpty(v.flags, i)) return kNone;
-    if (!IsDeleted(v.flags, i) && SameKey(v.keys[i], v.prefixes[i], s, length, prefix)) return i;
+    if (!IsDeleted(v.flags, i) && SameKey(v.slots[i], v.keys[i], s, p)) return i;
   }
+}
+
+inline uint64_t Load64(const char* s) {
+  uint64_t w;
+  std::memcpy(&w, s, 8);
+  return w;
+}
+
+inline uint32_t Load32(const char* s) {
+  uint32_t w;
+  std::memcpy(&w, s, 4);
+  return w;
+}
+
+// Bytes [from, from + count) of s (count 1 to 8, all inside the string or its zero) as a
+// zero-padded little-endian word, read with at most two overlapping loads.
+inline uint64_t Bytes(const char* s, uint32_t from, uint32_t count) {
+  if (count >= 8) return Load64(s + from);
+  if (count >= 4) {
+    const uint64_t low = Load32(s + from), high = Load32(s + from + count - 4);
+    return low | high << (8 * (count - 4));
+  }
+  uint64_t w = static_cast<unsigned char>(s[from]);
+  if (count >= 2) w |= static_cast<uint64_t>(static_cast<unsigned char>(s[from + 1])) << 8;
+  if (count >= 3) w |= static_cast<uint64_t>(static_cast<unsigned char>(s[from + 2])) << 16;
+  return w;
 }
 
 inline uint32_t UpperBoundFor(uint32_t n) { return static_cast<uint32_t>(n * kLoad + 0.5); }
@@ -104,32 +126,39 @@ KHash::~KHash() {
   }
   std::free(flags_);
   std::free(keys_);
-  std::free(vals_);
-  std::free(prefixes_);
+  std::free(slots_);
 }
 
 uint64_t KHash::Size() { return size_ + pending_; }
 
 __attribute__((always_inline)) inline KHash::Probe KHash::MakeProbe(const char* s) {
-  Probe p{Extend(s[0]), 0, 0};
+  Probe p{0, 0, {0, 0}};
+  if (khash_probe::ShortProbe(s, &p.hash, &p.length, p.head)) return p;
+  // Long strings and strings at a page end: byte by byte.
+  p.hash = Extend(s[0]);
   if (p.hash != 0) {
-    size_t n = 1;
+    uint32_t n = 1;
     for (; s[n] != 0; ++n) p.hash = p.hash * 31u + Extend(s[n]);
     p.length = n;
   }
-  if (p.length >= 7) {
-    std::memcpy(&p.prefix, s, 8);
+  // The head: bytes 0-15 with the zero byte and zeros after it; read from the string's
+  // length + 1 bytes only.
+  const uint32_t bytes = p.length + 1;
+  if (bytes >= 16) {
+    p.head[0] = Load64(s);
+    p.head[1] = Load64(s + 8);
+  } else if (bytes > 8) {
+    p.head[0] = Load64(s);
+    p.head[1] = Bytes(s, 8, bytes - 8);
   } else {
-    for (size_t i = 0; i < p.length; ++i) {
-      p.prefix |= static_cast<uint64_t>(static_cast<unsigned char>(s[i])) << (8 * i);
-    }
+    p.head[0] = Bytes(s, 0, bytes);
   }
   return p;
 }
 
 uint32_t KHash::Get(const char* key, const Probe& probe) const {
-  const View v{flags_, keys_, vals_, prefixes_, n_buckets_, mod_n_, mod_n1_};
-  return Lookup(v, key, probe.hash, probe.length, probe.prefix);
+  const View v{flags_, keys_, slots_, n_buckets_, mod_n_, mod_n1_};
+  return Lookup(v, key, probe);
 }
 
 uint32_t KHash::Put(const char* key, const Probe& probe, int* result) {
@@ -145,8 +174,8 @@ uint32_t KHash::Put(const char* key, const Probe& probe, int* result) {
   } else {
     const uint32_t step = 1 + Mod(hash, mod_n1_, n_buckets_ - 1);
     const uint32_t last = i;
-    while (!IsEmpty(flags_, i) && (IsDeleted(flags_, i) || !SameKey(keys_[i], prefixes_[i], key,
-                                                                    probe.length, probe.prefix))) {
+    while (!IsEmpty(flags_, i) &&
+           (IsDeleted(flags_, i) || !SameKey(slots_[i], keys_[i], key, probe))) {
       if (IsDeleted(flags_, i) && site == kAbsent) site = i;
       i = Next(i, step, n_buckets_);
       if (i == last) {
@@ -183,15 +212,13 @@ void KHash::Resize(uint32_t requested) {
   std::memset(flags, 0xAA, words * sizeof(uint32_t));
   if (n_buckets_ < n) {
     keys_ = static_cast<char**>(std::realloc(keys_, n * sizeof(char*)));
-    vals_ = static_cast<unsigned*>(std::realloc(vals_, n * sizeof(unsigned)));
-    prefixes_ = static_cast<uint64_t*>(std::realloc(prefixes_, n * sizeof(uint64_t)));
+    slots_ = static_cast<Slot*>(std::realloc(slots_, n * sizeof(Slot)));
   }
   const uint64_t mod_n = Reciprocal(n), mod_n1 = Reciprocal(n - 1);
   for (uint32_t j = 0; j != n_buckets_; ++j) {
     if (IsEither(flags_, j)) continue;
     char* key = keys_[j];
-    unsigned val = vals_[j];
-    uint64_t prefix = prefixes_[j];
+    Slot slot = slots_[j];
     SetDeleted(flags_, j);
     for (;;) {
       const uint32_t h = MakeProbe(key).hash;
@@ -201,21 +228,18 @@ void KHash::Resize(uint32_t requested) {
       ClearEmpty(flags, i);
       if (i < n_buckets_ && !IsEither(flags_, i)) {
         std::swap(key, keys_[i]);
-        std::swap(val, vals_[i]);
-        std::swap(prefix, prefixes_[i]);
+        std::swap(slot, slots_[i]);
         SetDeleted(flags_, i);
       } else {
         keys_[i] = key;
-        vals_[i] = val;
-        prefixes_[i] = prefix;
+        slots_[i] = slot;
         break;
       }
     }
   }
   if (n_buckets_ > n) {
     keys_ = static_cast<char**>(std::realloc(keys_, n * sizeof(char*)));
-    vals_ = static_cast<unsigned*>(std::realloc(vals_, n * sizeof(unsigned)));
-    prefixes_ = static_cast<uint64_t*>(std::realloc(prefixes_, n * sizeof(uint64_t)));
+    slots_ = static_cast<Slot*>(std::realloc(slots_, n * sizeof(Slot)));
   }
   std::free(flags_);
   flags_ = flags;
@@ -232,8 +256,7 @@ bool KHash::Insert(char* key, unsigned code) {
   const uint32_t b = Put(key, probe, &result);
   if (b == kAbsent || result == 0) return false;
   keys_[b] = strdup(key);
-  vals_[b] = code;
-  prefixes_[b] = probe.prefix;
+  slots_[b] = Slot{{probe.head[0], probe.head[1]}, code};
   return true;
 }
 
@@ -242,7 +265,7 @@ uint32_t KHash::BucketOf(const char* key) const { return Get(key, MakeProbe(key)
 bool KHash::Find(char* key, unsigned* code) {
   const uint32_t b = Get(key, MakeProbe(key));
   // The code is written before absence is known; an absent key leaves 0 there.
-  *code = b == kAbsent ? 0 : vals_[b];
+  *code = b == kAbsent ? 0 : slots_[b].val;
   return b != kAbsent;
 }
 
@@ -262,22 +285,31 @@ void KHash::EncodeChunk(char* const* values, unsigned first_new_code, unsigned* 
   const unsigned char null0 = test_nulls ? static_cast<unsigned char>(null_value[0]) : 0;
   const unsigned char null1 = null0 != 0 ? static_cast<unsigned char>(null_value[1]) : 0;
   unsigned next_code = first_new_code;
-  View v{flags_, keys_, vals_, prefixes_, n_buckets_, mod_n_, mod_n1_};
-  for (uint64_t i = 0; i < count; ++i) {
-    char* s = values[i];
-    const auto* u = reinterpret_cast<const unsigned char*>(s);
-    if (test_nulls && u[0] == null0 && (null0 == 0 || u[1] == null1)) {
-      codes[i] = null_code;
-      continue;
+  View v{flags_, keys_, slots_, n_buckets_, mod_n_, mod_n1_};
+  // Strings are hashed a block ahead of their lookups: hashing has no hard-to-predict
+  // branch, so a block's hashes overlap, and a mispredicted lookup no longer throws away
+  // the next string's hash.
+  constexpr uint64_t kBlock = 8;
+  Probe probes[kBlock];
+  for (uint64_t at = 0; at < count; at += kBlock) {
+    const uint64_t n = count - at < kBlock ? count - at : kBlock;
+    for (uint64_t k = 0; k < n; ++k) probes[k] = MakeProbe(values[at + k]);
+    for (uint64_t k = 0; k < n; ++k) {
+      const uint64_t i = at + k;
+      char* s = values[i];
+      const auto* u = reinterpret_cast<const unsigned char*>(s);
+      if (test_nulls && u[0] == null0 && (null0 == 0 || u[1] == null1)) {
+        codes[i] = null_code;
+        continue;
+      }
+      const uint32_t b = Lookup(v, s, probes[k]);
+      if (b != kAbsent) {
+        codes[i] = v.slots[b].val;
+        continue;
+      }
+      codes[i] = CodeAbsent(s, probes[k], &next_code, new_values, new_codes, new_count, store);
+      v = View{flags_, keys_, slots_, n_buckets_, mod_n_, mod_n1_};
     }
-    const Probe probe = MakeProbe(s);
-    const uint32_t b = Lookup(v, s, probe.hash, probe.length, probe.prefix);
-    if (b != kAbsent) {
-      codes[i] = v.vals[b];
-      continue;
-    }
-    codes[i] = CodeAbsent(s, probe, &next_code, new_values, new_codes, new_count, store);
-    v = View{flags_, keys_, vals_, prefixes_, n_buckets_, mod_n_, mod_n1_};
   }
   if (*new_count == 0 || store == nullptr || !store->IsOpen()) return;
   // Every entry of the new lists goes to the store in one batch; the codes stand whether
@@ -319,8 +351,7 @@ unsigned KHash::CodeAbsent(char* value, const Probe& probe, unsigned* next_code,
   const uint32_t b = Put(value, probe, &result);
   if (b == kAbsent || result == 0) throw "Value wasn't inserted into hash table";
   keys_[b] = strdup(value);
-  vals_[b] = *next_code;
-  prefixes_[b] = probe.prefix;
+  slots_[b] = Slot{{probe.head[0], probe.head[1]}, *next_code};
   new_values[*new_count] = value;
   new_codes[*new_count] = *next_code;
   ++*new_count;

@@ -21,6 +21,21 @@ namespace qopci {
 
 class KHash : public HashBase<char*, unsigned int> {
  public:
+  // Internal layout (public only for the implementation's helpers). What a lookup needs of a
+  // string, computed once: its hash, length and first sixteen bytes (zero-padded), which buckets
+  // are compared by before their strings.
+  struct Probe {
+    uint32_t hash;
+    uint32_t length;
+    uint64_t head[2];
+  };
+  // A bucket's code with its key's first sixteen bytes, kept together so that most
+  // comparisons never touch the key copy. Equal heads holding a zero byte are equal keys.
+  struct Slot {
+    uint64_t head[2];
+    unsigned val;
+  };
+
   // Sizes the table at once for initial_capacity keys; the pending count starts at 0.
   KHash(uint32_t initial_capacity, bool hashes_nulls);
   ~KHash() override;
@@ -33,7 +48,8 @@ class KHash : public HashBase<char*, unsigned int> {
                    char** new_values, unsigned* new_codes, uint64_t* new_count, unsigned null_code,
                    char* null_value) override;
   // As above, consulting store (which may be unopened) for strings missing from memory
-  // while entries are pending, and writing the new strings of the call to an open store in
+  // while entries are pending; a string found there keeps its stored code and is not a new
+  // value. Then, when *new_count is not 0, the new lists from index 0 go to an open store in
   // one batch (a failed write is ignored: the codes stand). A null test compares only the
   // first two bytes with null_value's. new_values[i] point at the callers' strings (not
   // copies). Throws "Value wasn't inserted into hash table" when a string can be neither
@@ -64,13 +80,6 @@ class KHash : public HashBase<char*, unsigned int> {
  private:
   static constexpr uint32_t kAbsent = UINT32_MAX;  // no bucket
 
-  // What a lookup needs of a string, computed once: its hash, length and first eight bytes
-  // (zero-padded), the word buckets are compared by before their strings.
-  struct Probe {
-    uint32_t hash;
-    size_t length;
-    uint64_t prefix;
-  };
   static Probe MakeProbe(const char* key);
 
   // Bucket of key, or kAbsent.
@@ -90,9 +99,8 @@ class KHash : public HashBase<char*, unsigned int> {
   uint32_t upper_bound_ = 0;   // n_occupied_ at which the next put grows the table
   uint32_t* flags_ = nullptr;  // two bits per bucket: 2 empty, 1 deleted, 0 live
   char** keys_ = nullptr;      // owned copies
-  unsigned* vals_ = nullptr;
-  uint64_t* prefixes_ = nullptr;  // first eight key bytes, zero-padded: a cheap first test
-  uint64_t mod_n_ = 0;            // reciprocals for h mod n and h mod (n - 1)
+  Slot* slots_ = nullptr;      // codes, with each key's length and head
+  uint64_t mod_n_ = 0;         // reciprocals for h mod n and h mod (n - 1)
   uint64_t mod_n1_ = 0;
   uint64_t pending_ = 0;
 };

@@ -323,6 +323,29 @@ uint32_t FirstPass(const uint32_t* flags, const K* keys, const V* vals, uint32_t
   return n_missed;
 }
 
+// The same for the values listed in missed[0..n_missed) by FirstPass, at the second bucket
+// of their walk (which counts only when the start bucket is not empty, as a walk would stop
+// there). Keeps in missed, in order, the values still not found; returns how many.
+template <typename K, typename V>
+uint32_t SecondBucketPass(const uint32_t* flags, const K* keys, const V* vals, uint32_t m,
+                          const K* values, V* codes, uint64_t i, uint8_t* missed,
+                          uint32_t n_missed) {
+  uint32_t n_left = 0;
+  for (uint32_t k = 0; k < n_missed; ++k) {
+    const uint64_t j = i + missed[k];
+    const K v = values[j];
+    const uint32_t h = KhashHash<K, V>::Hash(v);
+    const uint32_t b0 = h & m;
+    const uint32_t b = (b0 + Step(h, m)) & m;
+    const uint64_t miss = (FlagPair(flags, b0) & 2U) | FlagPair(flags, b) |
+                          (static_cast<uint64_t>(KeyWord(keys[b])) ^ static_cast<uint64_t>(KeyWord(v)));
+    codes[j] = vals[b];
+    missed[n_left] = missed[k];
+    n_left += miss != 0;
+  }
+  return n_left;
+}
+
 // Tables at least this large no longer sit in the first cache levels: prefetch for them.
 constexpr uint32_t kPrefetchBuckets = 1U << 15;
 constexpr uint64_t kBlock = 64;
@@ -358,6 +381,8 @@ void KhashHash<K, V>::EncodeChunk(const K* values, V first_new_code, V* codes, u
       }
       n_missed = pass(flags_, keys_, vals_, m, values, codes, i, end, count, null_code,
                       null_value, missed);
+      n_missed = SecondBucketPass<K, V>(flags_, keys_, vals_, m, values, codes, i, missed,
+                                        n_missed);
     } else {
       for (uint64_t j = i; j < end; ++j) missed[n_missed++] = static_cast<uint8_t>(j - i);
     }

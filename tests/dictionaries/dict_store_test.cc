@@ -22,14 +22,11 @@ using Entries = std::vector<std::pair<std::string, uint32_t>>;
 Entries ReadAll(DictStore* store) {
   Entries out;
   std::string error;
-  EXPECT_TRUE(DictStoreForEach(
-      store,
-      [&out](std::string_view key, uint32_t code) {
-        out.emplace_back(std::string(key), code);
-        return true;
-      },
-      &error))
-      << error;
+  auto add = [&out](std::string_view key, uint32_t code) {
+    out.emplace_back(std::string(key), code);
+    return true;
+  };
+  EXPECT_TRUE(DictStoreForEach(store, add, &error)) << error;
   return out;
 }
 
@@ -59,13 +56,11 @@ TEST(DictStoreTest, OrdersKeysCaseFoldedThenByBytes) {
   TempDir dir;
   DictStore store;
   // Put in an order unrelated to the expected one.
-  const std::vector<std::string> keys = {"zebra",  "apple", "\xc3\xa9t\xc3\xa9",
-                                         "Banana", "_x",    "APPLE",
-                                         "b",      "Zulu",  "apples",
-                                         "a",      "\x80",  "Apple",
-                                         "banana"};
   Entries entries;
-  for (size_t i = 0; i < keys.size(); ++i) entries.emplace_back(keys[i], uint32_t(i + 1));
+  for (const char* key : {"zebra", "apple", "\xc3\xa9t\xc3\xa9", "Banana", "_x", "APPLE", "b",
+                          "Zulu", "apples", "a", "\x80", "Apple", "banana"}) {
+    entries.emplace_back(key, 1);
+  }
   MakeStore(dir, entries, &store);
   // Case pairs next to each other, capitals first; a string before its extensions; '_' lies
   // between the capitals and the small letters, and letters fold to small ones, so it comes
@@ -159,60 +154,23 @@ TEST(DictStoreTest, KHashReadsPendingEntriesAndWritesNewOnes) {
     uint64_t pending_after;
     Entries stored_after;  // in key order
   };
+  // clang-format off
   const Case cases[] = {
       // Met in the store first, then in memory: one read, one decrement.
-      {"store hits keep their codes",
-       true,
-       true,
-       {{"alpha", 7}, {"beta", 9}},
-       5,
-       {{"alpha", "gamma", "alpha", "beta"}},
-       {{7, 10, 7, 9}},
-       {true},
-       3,
+      {"store hits keep their codes", true, true, {{"alpha", 7}, {"beta", 9}}, 5,
+       {{"alpha", "gamma", "alpha", "beta"}}, {{7, 10, 7, 9}}, {true}, 3,
        {{"alpha", 7}, {"beta", 9}, {"gamma", 10}}},
       // The stored 99 would show a read; the batch then overwrites it.
-      {"nothing pending reads nothing",
-       true,
-       true,
-       {{"alpha", 99}},
-       0,
-       {{"alpha", "beta"}},
-       {{10, 11}},
-       {true},
-       0,
-       {{"alpha", 10}, {"beta", 11}}},
-      {"no new strings, no batch",
-       true,
-       true,
-       {},
-       0,
-       {{"a", "b"}, {"b", "a", "a"}},
-       {{10, 11}, {11, 10, 10}},
-       {true, false},
-       0,
-       {{"a", 10}, {"b", 11}}},
-      {"unopened store",
-       false,
-       true,
-       {},
-       5,
-       {{"alpha", "alpha", "beta"}},
-       {{10, 10, 11}},
-       {false},
-       5,
-       {}},
-      {"nulls never reach the store",
-       true,
-       false,
-       {{"\x80", 3}},
-       1,
-       {{"\x80", "x", "\x80"}},
-       {{kNull, 10, kNull}},
-       {true},
-       1,
-       {{"x", 10}, {"\x80", 3}}},
+      {"nothing pending reads nothing", true, true, {{"alpha", 99}}, 0,
+       {{"alpha", "beta"}}, {{10, 11}}, {true}, 0, {{"alpha", 10}, {"beta", 11}}},
+      {"no new strings, no batch", true, true, {}, 0, {{"a", "b"}, {"b", "a", "a"}},
+       {{10, 11}, {11, 10, 10}}, {true, false}, 0, {{"a", 10}, {"b", 11}}},
+      {"unopened store", false, true, {}, 5, {{"alpha", "alpha", "beta"}}, {{10, 10, 11}},
+       {false}, 5, {}},
+      {"nulls never reach the store", true, false, {{"\x80", 3}}, 1, {{"\x80", "x", "\x80"}},
+       {{kNull, 10, kNull}}, {true}, 1, {{"x", 10}, {"\x80", 3}}},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir dir;

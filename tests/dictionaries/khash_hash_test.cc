@@ -52,8 +52,8 @@ TYPED_TEST_SUITE(KhashHashModelTest, KeyTypes);
 TYPED_TEST(KhashHashModelTest, EncodesAsTheReferenceMap) {
   using K = TypeParam;
   using V = std::conditional_t<sizeof(K) <= 4 && !std::is_same_v<K, double>, K, unsigned>;
-  const K null = std::is_same_v<K, double> ? static_cast<K>(-DBL_MAX)
-                                           : std::numeric_limits<K>::min();
+  const K null =
+      std::is_same_v<K, double> ? static_cast<K>(-DBL_MAX) : std::numeric_limits<K>::min();
   for (const bool hashes_nulls : {false, true}) {
     SCOPED_TRACE(hashes_nulls);
     std::mt19937_64 rng(7);
@@ -85,8 +85,8 @@ TYPED_TEST(KhashHashModelTest, EncodesAsTheReferenceMap) {
       }
       uint64_t new_count = 0;
       const V first = want_new_codes.empty() ? next : want_new_codes.front();
-      table.EncodeChunk(values.data(), first, codes.data(), n, new_values.data(),
-                        new_codes.data(), &new_count, 99, null);
+      table.EncodeChunk(values.data(), first, codes.data(), n, new_values.data(), new_codes.data(),
+                        &new_count, 99, null);
       ASSERT_EQ(codes, want);
       ASSERT_EQ(new_count, want_new_codes.size());
       new_codes.resize(new_count);
@@ -182,6 +182,7 @@ TEST(KhashHashTest, GrowsWhereAPutWould) {
     uint64_t new_count = 0;
     table.EncodeChunk(first.data(), 1, codes.data(), 2, new_values.data(), new_codes.data(),
                       &new_count, 0, INT_MIN);
+    new_count = 0;
     table.EncodeChunk(c.second_chunk.data(), 3, codes.data(), c.second_chunk.size(),
                       new_values.data(), new_codes.data(), &new_count, 0, INT_MIN);
     EXPECT_EQ(table.BucketCount(), c.buckets) << c.second_chunk.size();
@@ -226,8 +227,8 @@ class LoadFromReadersTest : public ::testing::Test {
   template <typename T>
   SimpleTypeBATReader<T>* Reader(const std::string& name, const std::vector<T>& values) {
     const std::string path = dir_.path() + "/" + name;
-    qopci_test::WriteFile(path, std::string(reinterpret_cast<const char*>(values.data()),
-                                            values.size() * sizeof(T)));
+    qopci_test::WriteFile(
+        path, std::string(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(T)));
     return new SimpleTypeBATReader<T>(path.c_str(), values.size() * sizeof(T));
   }
   qopci_test::TempDir dir_{"khash_load_"};
@@ -246,7 +247,10 @@ TEST_F(LoadFromReadersTest, LogsAndOwnership) {
       {{}, {}, true, true, start + " Both empties.", 0},
       {{}, {1}, false, false, start + " key is empty, val is not.", 0},
       {{5}, {}, false, false, start + " val is empty, key is not.", 0},
-      {{5, 6}, {1}, false, true,
+      {{5, 6},
+       {1},
+       false,
+       true,
        start + "SimpleTypeBATReader<int>::Read() failed to forward cursor."
                " Failed to read from val (while expecting more data).",
        1},
