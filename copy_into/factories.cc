@@ -4,11 +4,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 #include "chunkers/decimal_chunker.h"
+#include "chunkers/dict_chunker.h"
 #include "chunkers/double_chunker.h"
 #include "chunkers/simple_type_chunker.h"
 #include "chunkers/string_chunker.h"
+#include "chunkers/string_dict_chunker.h"
 #include "readers/bat_internal_reader.h"
 #include "readers/internal_reader.h"
 #include "readers/simple_type_bat_reader.h"
@@ -89,6 +92,78 @@ ChunkerBase* MakeStringChunker(CIManager& m, CIManager::ColumnEntry& e) {
   CheckChunkSize(chunk_size);
   return new StringChunker(chunk_size, heap_parameter, heap_file,
                            static_cast<uint64_t>(heap_size));
+}
+
+// Dictionaries continue where the column's dictionary stopped: its entries are loaded from
+// the key, heap and key-code files, so that a value it holds keeps its code and new values
+// get the codes behind it. A load that fails is an error for the column: restarting from
+// code 1 would give other values codes the dictionary has handed out already.
+template <typename C>
+ChunkerBase* Reloaded(C* chunker, const char* keys, const char* heap, const char* codes,
+                      int64_t entries) {
+  std::unique_ptr<C> owned(chunker);
+  if (entries > 0 &&
+      !chunker->LoadDictionary(keys, heap, codes, static_cast<uint64_t>(entries))) {
+    static char text[4096];
+    std::snprintf(text, sizeof text, "Dictionary of %s cannot be loaded: %s", keys,
+                  chunker->LastLoadReport());
+    throw static_cast<const char*>(text);
+  }
+  return owned.release();
+}
+
+// Kind 1: a dictionary of fixed-width keys, by the simple type code in attribute 3.
+ChunkerBase* MakeSimpleTypeDictChunker(CIManager& m, CIManager::ColumnEntry& e) {
+  int code, nil_as_key, chunk_size;
+  const char *keys, *heap, *codes;
+  int64_t entries;
+  if (!m.GetAttrInt(e.second, 3, 687, &code) || !m.GetAttrInt(e.second, 35, 688, &nil_as_key) ||
+      !m.GetAttrInt(e.second, 2, 689, &chunk_size) || !m.GetAttrStr(e.second, 30, 690, &keys) ||
+      !m.GetAttrStr(e.second, 31, 691, &heap) || !m.GetAttrStr(e.second, 32, 692, &codes) ||
+      !m.GetAttrLng(e.second, 37, 693, &entries))
+    return nullptr;
+  CheckChunkSize(chunk_size);
+  const bool nil = nil_as_key != 0;
+  switch (code) {
+    case 0:
+      return Reloaded(new SimpleTypeDictChunker<int, int, int>(chunk_size, nil), keys, heap,
+                      codes, entries);
+    case 2:
+      return Reloaded(new SimpleTypeDictChunker<char, char, char>(chunk_size, nil), keys, heap,
+                      codes, entries);
+    case 4:
+      return Reloaded(new SimpleTypeDictChunker<short, short, short>(chunk_size, nil), keys,
+                      heap, codes, entries);
+    case 6:
+      return Reloaded(new SimpleTypeDictChunker<int64_t, unsigned, unsigned>(chunk_size, nil),
+                      keys, heap, codes, entries);
+    case 8:
+      return Reloaded(new DoubleDictChunker(chunk_size, nil), keys, heap, codes, entries);
+    default: throw "Simple Type Dict Chunker not supported";
+  }
+}
+
+// Kind 3: a string dictionary. With a store that opens, the store answers for the strings
+// the dictionary holds (its pending count is the dictionary's entry count) and nothing is
+// loaded; otherwise the dictionary is loaded from its files.
+ChunkerBase* MakeStringDictChunker(CIManager& m, CIManager::ColumnEntry& e) {
+  int chunk_size, nil_as_key, heap_parameter, capacity;
+  const char *heap, *store, *keys, *key_heap, *codes;
+  int64_t heap_size, entries;
+  if (!m.GetAttrInt(e.second, 2, 759, &chunk_size) ||
+      !m.GetAttrInt(e.second, 35, 760, &nil_as_key) ||
+      !m.GetAttrInt(e.second, 11, 761, &heap_parameter) ||
+      !m.GetAttrStr(e.second, 12, 762, &heap) || !m.GetAttrStr(e.second, 13, 763, &store) ||
+      !m.GetAttrInt(e.second, 14, 764, &capacity) || !m.GetAttrStr(e.second, 30, 765, &keys) ||
+      !m.GetAttrStr(e.second, 31, 766, &key_heap) || !m.GetAttrStr(e.second, 32, 767, &codes) ||
+      !m.GetAttrLng(e.second, 41, 768, &heap_size) || !m.GetAttrLng(e.second, 37, 769, &entries))
+    return nullptr;
+  CheckChunkSize(chunk_size);
+  auto* c = new StringDictChunker(chunk_size, heap_parameter, heap,
+                                  static_cast<uint64_t>(heap_size), capacity, store,
+                                  nil_as_key != 0);
+  if (*store != '\0' && c->OpenStore(store, static_cast<uint64_t>(entries))) return c;
+  return Reloaded(c, keys, key_heap, codes, entries);
 }
 
 // ---- Writers -------------------------------------------------------------------------
@@ -406,7 +481,9 @@ Maker FindMaker(CIManager& m, Maker (&table)[N], int kind, const char* place,
 
 void FillFactoryTables() {
   g_chunkers[0] = MakeSimpleTypeChunker;
+  g_chunkers[1] = MakeSimpleTypeDictChunker;
   g_chunkers[2] = MakeStringChunker;
+  g_chunkers[3] = MakeStringDictChunker;
   g_chunkers[4] = MakeDecimalChunker;
   g_writers[0] = MakeSimpleTypeWriter;
   g_writers[1] = MakeSimpleTypeDictWriter;
