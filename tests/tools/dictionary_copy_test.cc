@@ -14,6 +14,7 @@
 #include "tools/copy_command.h"
 #include "tools/dict_store_prep.h"
 #include "tools/dict_target.h"
+#include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/row_view.h"
 
@@ -55,6 +56,15 @@ class DictionaryCopyTest : public ::testing::Test {
     CVDfarm_close();
     const std::string text = s.ok() ? out.str() : s.message();
     return text.substr(text.find('\n') + 1);
+  }
+
+  // The catalog as inspect lists it.
+  std::string Catalog() {
+    if (!FromKernel(CVDfarm_open(options_.farm.c_str(), CVD_FARM_READONLY)).ok()) return "?";
+    std::ostringstream out;
+    Status s = PrintFarm(out, {}, 0);
+    CVDfarm_close();
+    return s.ok() ? out.str() : s.message();
   }
 
   // Key -> code of t.v's dictionary, and the row counts of its three BATs.
@@ -146,6 +156,13 @@ TEST_F(DictionaryCopyTest, CreatedAppendedReplacedAndReadBackDecoded) {
     EXPECT_EQ(Rows(), Shown(c.first));
     const std::map<std::string, int64_t> first = Dictionary();
     EXPECT_EQ(first.size(), distinct(c.first));
+    const std::string catalog = Catalog();  // one line for the column, with its size
+    EXPECT_NE(catalog.find(" " + c.type + " "), std::string::npos) << catalog;
+    EXPECT_NE(catalog.find("dictionary: " + std::to_string(first.size()) + " entries"),
+              std::string::npos)
+        << catalog;
+    EXPECT_EQ(catalog.find("t.v.dict "), std::string::npos) << catalog;
+    EXPECT_EQ(catalog.find("t.v.dict_codes "), std::string::npos) << catalog;
     for (const auto& [key, code] : first) EXPECT_TRUE(code >= 1 && code <= 3) << key;
 
     ASSERT_TRUE(Copy(c.column, c.second).ok());
