@@ -17,6 +17,7 @@
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/row_view.h"
+#include "tools/verify.h"
 
 namespace qopci {
 namespace {
@@ -302,6 +303,22 @@ TEST_F(DictionaryCopyTest, RefusalsAndCodeLimits) {
   EXPECT_EQ(Dictionary().size(), 100u);
   ASSERT_TRUE(Copy(tiny, thirty).ok());  // 127 entries: the last code that does not wrap
   EXPECT_EQ(Dictionary().at("126"), 127);
+
+  // verify checks the three BATs like any other, and that every row code is in the
+  // dictionary: a code appended by hand (sound files, committed) is a fault.
+  std::ostringstream report;
+  EXPECT_TRUE(RunVerify(options_.farm, report).ok()) << report.str();
+  ASSERT_TRUE(FromKernel(CVDfarm_open(options_.farm.c_str(), 0)).ok());
+  const bte stray = -100;
+  EXPECT_TRUE(FromKernel(CVDbat_append(CVDbat_lookup("t.v"), &stray)).ok());
+  EXPECT_EQ(TMcommit(), 0);
+  CVDfarm_close();
+  report.str("");
+  EXPECT_EQ(RunVerify(options_.farm, report).message(), "farm " + options_.farm + " has 1 fault");
+  EXPECT_NE(report.str().find("t.v: row 137 of column t.v holds code -100, which its "
+                              "dictionary does not hold\n"),
+            std::string::npos)
+      << report.str();
 }
 
 }  // namespace
