@@ -11,6 +11,7 @@
 #include "queue/concurrent_queue.h"
 #include "readers/internal_reader.h"
 #include "writers/bat_writer.h"
+#include "writers/dict_bat_writer.h"
 #include "writers/writer_chunk_pair.h"
 
 
@@ -22,6 +23,17 @@ char g_error_buffer[kErrorBufferSize];  // the reports and GET_COL_ATTR messages
 char g_scratch[kErrorBufferSize];       // receives reports made after the first error
 
 bool g_tables_filled = false;
+
+// The writers of a writer set that each write one file, in registration order. A dictionary
+// writer registers itself ahead of its members but writes no file of its own (its members
+// write the keys, the key codes and the row codes), so it is left out: the chunker lists one
+// description per member, and the two lists then pair one to one.
+std::list<BATWriter*> FileWriters(BATWriter* set) {
+  std::list<BATWriter*> all;
+  set->RegisterIn(all);
+  all.remove_if([](BATWriter* w) { return dynamic_cast<DictBATWriter*>(w) != nullptr; });
+  return all;
+}
 
 }  // namespace
 
@@ -285,8 +297,7 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
     ChunkerBase* chunker = job.chunker;
     BATWriter* writer = job.writer;
     if (error_ == nullptr && writer != nullptr) {
-      std::list<BATWriter*> files;
-      writer->RegisterIn(files);
+      const std::list<BATWriter*> files = FileWriters(writer);
       // The per-file chunkers pair with the files in step, as UpdateBBPWithGo pairs them.
       std::list<ChunkerBase*> descriptions;
       if (chunker != nullptr) chunker->AddToList(descriptions);
@@ -410,9 +421,8 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
   if (error_ != nullptr || job.chunker == nullptr || job.writer == nullptr) return;
   column_name_ = job.name;
   std::list<ChunkerBase*> descriptions;
-  std::list<BATWriter*> writers;
   job.chunker->AddToList(descriptions);
-  job.writer->RegisterIn(writers);
+  const std::list<BATWriter*> writers = FileWriters(job.writer);
   job.writer->Close();
   if (descriptions.size() != writers.size()) {
     Report("UpdateBBPWithGo", "Number of chunkers doesn't equal to writers");

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "chunkers/decimal_chunker.h"
+#include "copy_into/dict_factories.h"
 #include "chunkers/double_chunker.h"
 #include "chunkers/simple_type_chunker.h"
 #include "chunkers/string_chunker.h"
@@ -37,13 +38,6 @@ ReaderMaker g_readers[kReaderKinds];
 
 // ---- Chunkers ------------------------------------------------------------------------
 
-// A chunk of no values would drop every value of the column. A chunk is allocated whole
-// for every column before its first value arrives, so an unbounded size is an unbounded
-// allocation: 16777216 values is 128 MiB for 8-byte values (docs/attributes.md).
-void CheckChunkSize(int chunk_size) {
-  if (chunk_size < 1) throw "Chunk size must be at least 1";
-  if (chunk_size > 16777216) throw "Chunk size must be at most 16777216";
-}
 
 ChunkerBase* MakeSimpleTypeChunker(CIManager& m, CIManager::ColumnEntry& e) {
   int code, chunk_size;
@@ -346,13 +340,25 @@ Maker FindMaker(CIManager& m, Maker (&table)[N], int kind, const char* place,
 
 }  // namespace
 
+// A chunk of no values would drop every value of the column. A chunk is allocated whole
+// for every column before its first value arrives, so an unbounded size is an unbounded
+// allocation: 16777216 values is 128 MiB for 8-byte values (docs/attributes.md).
+void CheckChunkSize(int chunk_size) {
+  if (chunk_size < 1) throw "Chunk size must be at least 1";
+  if (chunk_size > 16777216) throw "Chunk size must be at most 16777216";
+}
+
 void FillFactoryTables() {
   g_chunkers[0] = MakeSimpleTypeChunker;
+  g_chunkers[1] = MakeSimpleTypeDictChunker;
   g_chunkers[2] = MakeStringChunker;
+  g_chunkers[3] = MakeStringDictChunker;
   g_chunkers[4] = MakeDecimalChunker;
   g_writers[0] = MakeSimpleTypeWriter;
+  g_writers[1] = MakeSimpleTypeDictWriter;
   g_writers[3] = MakeLngWriter;
   g_writers[5] = MakeStringWriter;
+  g_writers[6] = MakeStringDictWriter;
   g_writers[7] = MakeDecimalWriter;
   g_readers[0] = MakeResultReader;
   g_readers[1] = MakeRowIdReader;

@@ -15,6 +15,9 @@ namespace qopci {
 
 class InternalReader;
 
+// Refuses a chunk size below 1 or above 16777216 (character-string exceptions).
+void CheckChunkSize(int chunk_size);
+
 // Fills the three tables. Called once per process.
 void FillFactoryTables();
 

@@ -24,7 +24,18 @@ enum : int {
   kChunkerHeapFile = 12,
   kWriterHeapFile = 22,
   kTailWidth = 23,
+  kStoreDir = 13,
+  kInitialCapacity = 14,
+  kDictKeyFile = 20,
+  kDictCodeFile = 21,
+  kReloadKeyFile = 30,
+  kReloadKeyHeap = 31,
+  kReloadCodeFile = 32,
   kSourceKind = 33,
+  kNilAsKey = 35,
+  kChunkerEntries = 37,
+  kWriterEntries = 39,
+  kWriterRows = 40,
   kQueued = 34,
   kCompressed = 36,
   kExistingCount = 38,
@@ -41,6 +52,40 @@ enum : int {
 // Bytes a string column expects per string: the chunker's heap buffer starts at chunk size
 // times this (plus the hash area) and grows as needed.
 constexpr int kHeapParameter20 = 20;
+
+// Slots the in-memory string dictionary starts with; it grows as strings arrive.
+constexpr int kInitialCapacity1024 = 1024;
+
+// The attributes of a dictionary-coded column (chunker and writer kinds 1, or 3 and 6 for
+// strings): where its dictionary is, what it keeps, and where the row codes go. Nil rows get
+// the code type's nil code (nil is not a key of the dictionary).
+std::vector<Attribute> DictionaryAttributes(const ManifestColumn& column, const TargetInfo& t,
+                                            int code) {
+  const DictInfo& d = t.dict;
+  std::vector<Attribute> own = {
+      Attribute::Int(kNilAsKey, 0),
+      Attribute::Str(kReloadKeyFile, d.key_file),
+      Attribute::Str(kReloadKeyHeap, d.key_heap),
+      Attribute::Str(kReloadCodeFile, d.code_file),
+      Attribute::Lng(kChunkerEntries, d.entries),
+      Attribute::Str(kDictKeyFile, d.key_file),
+      Attribute::Str(kDictCodeFile, d.code_file),
+      Attribute::Lng(kWriterEntries, d.entries),
+      Attribute::Lng(kWriterRows, t.existing_count),
+  };
+  if (column.encoding != Encoding::kString) {
+    own.push_back(Attribute::Int(kChunkerType, code));
+    own.push_back(Attribute::Int(kWriterType, code));
+    return own;
+  }
+  for (const Attribute& a :
+       {Attribute::Int(kHeapParameter, kHeapParameter20), Attribute::Str(kChunkerHeapFile, d.key_heap),
+        Attribute::Str(kStoreDir, d.store_dir), Attribute::Int(kInitialCapacity, kInitialCapacity1024),
+        Attribute::Lng(kChunkerHeapSize, d.heap_size), Attribute::Str(kWriterHeapFile, d.key_heap),
+        Attribute::Int(kTailWidth, d.key_width), Attribute::Lng(kWriterHeapSize, d.heap_size)})
+    own.push_back(a);
+  return own;
+}
 
 // Simple type codes of the fixed-width chunkers and writers.
 enum : int {
@@ -154,7 +199,7 @@ Status CheckTargetOverrides(const std::string& target_name, const ManifestColumn
     return Status::Error(where + "attribute 5 names " + file->text +
                          ", not the column's tail file " + target.tail_file +
                          "; leave attribute 5 out");
-  if (column.encoding != Encoding::kString) return Status::OK();
+  if (column.encoding != Encoding::kString || column.dictionary) return Status::OK();
   // The heap the export extends must be the target's, described as the farm holds it: a
   // heap file, size or width of its own would make the tail point at other strings.
   for (int n : {kChunkerHeapFile, kWriterHeapFile}) {
@@ -235,6 +280,12 @@ std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const Manifest
       break;
   }
   if (code >= 0) own = {Attribute::Int(kChunkerType, code), Attribute::Int(kWriterType, code)};
+  if (column.dictionary) {
+    const bool strings = column.encoding == Encoding::kString;
+    chunker = strings ? 3 : 1;
+    writer = strings ? 6 : 1;
+    own = DictionaryAttributes(column, target, code);
+  }
   if (!column.from.empty()) {
     // A generated column reads its source's files back: fixed-width values by their type
     // code, strings through the source's heap.

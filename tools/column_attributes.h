@@ -37,6 +37,17 @@ struct SourceInfo {
   int width = 0;          // strings: its tail's offset width
 };
 
+// The dictionary of a dictionary-coded column: its two BATs' files and what they keep.
+struct DictInfo {
+  std::string key_file;   // tail of "<t>.<c>.dict": the keys (a string dictionary's key tail)
+  std::string key_heap;   // strings: heap of "<t>.<c>.dict"
+  std::string code_file;  // tail of "<t>.<c>.dict_codes": the keys' codes
+  int64_t entries = 0;    // entries kept (0 for a new or replaced column)
+  int64_t heap_size = 0;  // strings: key heap bytes kept
+  int key_width = 1;      // strings: the key tail's offset width
+  std::string store_dir;  // string dictionaries: the open-able store the export uses, or ""
+};
+
 // What the export needs to know of a column's target BAT.
 struct TargetInfo {
   std::string tail_file;       // full path of the tail file the export writes
@@ -47,6 +58,7 @@ struct TargetInfo {
   int64_t heap_size = 0;       // strings: heap bytes kept (0 for a new or empty column)
   int tail_width = 1;          // strings: the offset width of the kept tail
   SourceInfo source = {};      // "from" columns only
+  DictInfo dict = {};          // dictionary-coded columns only
 };
 
 // Refuse raw attributes 5 and 38 that differ from what the tool registers for `target`

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -12,6 +13,8 @@
 #include "corvid/sql.h"
 #include "qopci/qopci.h"
 #include "tools/column_attributes.h"
+#include "tools/dict_store_prep.h"
+#include "tools/dict_target.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
 #include "tools/session.h"
@@ -22,6 +25,23 @@ namespace {
 
 const char* Action(const TargetColumn& t) {
   return t.created ? "created" : t.replaced != 0 ? "replaced" : "appended";
+}
+
+// Entries of a dictionary column's committed dictionary.
+uint64_t DictionarySize(const Manifest& manifest, const ManifestColumn& c) {
+  const bat keys = CVDbat_lookup(DictKeysName(TargetName(manifest, c)).c_str());
+  const BAT* b = keys != 0 ? BBPgetdesc(keys) : nullptr;
+  return b != nullptr ? b->batCount : 0;
+}
+
+// The summary's type: "int", or "string dictionary[3]" with the dictionary's size, and
+// "in memory" when a store was asked for and could not be used.
+std::string SummaryType(const Manifest& manifest, const TargetColumn& t) {
+  const ManifestColumn& c = manifest.columns[t.manifest_index];
+  if (!c.dictionary) return EncodingName(c);
+  std::string type = ColumnTypeName(c) + "[" + std::to_string(DictionarySize(manifest, c)) + "]";
+  if (c.store) type += t.store_note.empty() ? " leveldb" : " in memory";
+  return type;
 }
 
 void PrintJsonSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets,
@@ -39,12 +59,18 @@ void PrintJsonSummary(const Manifest& manifest, const std::vector<TargetColumn>&
       flags.push_back(words.substr(at, end - at));
       at = end + 1;
     }
-    columns.push_back({{"name", TargetName(manifest, c)},
-                       {"type", EncodingName(c)},
-                       {"action", Action(t)},
-                       {"rows", b->batCount},
-                       {"tail_bytes", b->theap.free},
-                       {"flags", flags}});
+    nlohmann::ordered_json column = {{"name", TargetName(manifest, c)},
+                                     {"type", ColumnTypeName(c)},
+                                     {"action", Action(t)},
+                                     {"rows", b->batCount},
+                                     {"tail_bytes", b->theap.free},
+                                     {"flags", flags}};
+    if (c.dictionary) {
+      column["dictionary_entries"] = DictionarySize(manifest, c);
+      if (c.store) column["store"] = t.store_note.empty() ? "leveldb" : "in memory";
+      if (!t.store_note.empty()) column["store_note"] = t.store_note;
+    }
+    columns.push_back(column);
   }
   nlohmann::ordered_json summary = {
       {"table", manifest.table}, {"columns", columns}, {"rows", rows}, {"seconds", seconds}};
@@ -64,7 +90,7 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
     const BAT* b = id != 0 ? BBPgetdesc(id) : nullptr;
     if (b == nullptr) continue;
     std::snprintf(line, sizeof line, "%-24s %-14s %-9s %12llu %14zu  %s\n",
-                  TargetName(manifest, c).c_str(), EncodingName(c).c_str(), Action(t),
+                  TargetName(manifest, c).c_str(), SummaryType(manifest, t).c_str(), Action(t),
                   static_cast<unsigned long long>(b->batCount), b->theap.free,
                   FlagWords(*b).c_str());
     out << line;
@@ -72,6 +98,41 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
   std::snprintf(line, sizeof line, "exported %llu rows into %zu columns in %.3f s\n",
                 static_cast<unsigned long long>(rows), targets.size(), seconds);
   out << line;
+}
+
+// The hash area (first 2048 bytes) of a heap an export appends to. The string writer
+// rewrites it in place as it appends, but it lies inside the bytes the last commit covers
+// with its checksums: an export that fails must put it back, or the column would no longer
+// load.
+struct KeptHashArea {
+  std::string file;
+  std::string bytes;
+};
+
+std::vector<KeptHashArea> SaveHashAreas(const Manifest& manifest,
+                                        const std::vector<TargetColumn>& targets) {
+  std::vector<KeptHashArea> kept;
+  for (const TargetColumn& t : targets) {
+    const ManifestColumn& c = manifest.columns[t.manifest_index];
+    if (c.encoding != Encoding::kString) continue;
+    const bool dict = c.dictionary;
+    const std::string& file = dict ? t.info.dict.key_heap : t.info.heap_file;
+    if ((dict ? t.info.dict.heap_size : t.info.heap_size) == 0) continue;
+    std::ifstream in(file, std::ios::binary);
+    std::string bytes(2048, '\0');
+    if (in.read(bytes.data(), static_cast<std::streamsize>(bytes.size())))
+      kept.push_back({file, bytes});
+  }
+  return kept;
+}
+
+void RestoreHashAreas(const std::vector<KeptHashArea>& kept) {
+  for (const KeptHashArea& k : kept) {
+    std::fstream out(k.file, std::ios::binary | std::ios::in | std::ios::out);
+    out.write(k.bytes.data(), static_cast<std::streamsize>(k.bytes.size()));
+    if (!out)
+      std::cerr << "qopci: warning: cannot put back the hash area of " << k.file << "\n";
+  }
 }
 
 }  // namespace
@@ -103,17 +164,25 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
       if (c.manifest_index == t.manifest_index &&
           manifest.columns[c.manifest_index].encoding == Encoding::kSerial)
         NumberSerial(data->rows, t.info.existing_count + 1, &c);
+  s = CheckCodeLimits(manifest, targets, *data);
+  if (!s.ok()) return s;
+  PrepareStores(farm.lexically_normal().string(), manifest, &targets, std::cerr);
   int result_id = 0;
   s = BuildResultTable(session.context(), manifest, *data, options.single_row, &result_id);
   if (s.ok()) s = RegisterColumns(manifest, targets, options.sync, data->rows);
   if (!s.ok()) return s;
 
+  const std::vector<KeptHashArea> hash_areas = SaveHashAreas(manifest, targets);
   char* error = nullptr;
   auto start = std::chrono::steady_clock::now();
   int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (attempted == 0) return Status::Error("export: no column was registered");
-  if (error != nullptr) return Status::Error(error);  // the library's buffer
+  if (error != nullptr) {
+    RestoreHashAreas(hash_areas);
+    return Status::Error(error);  // the library's buffer
+  }
+  FinishStores(manifest, targets, std::cerr);
 
   if (options.json)
     PrintJsonSummary(manifest, targets, data->rows, seconds, out);

@@ -1,6 +1,7 @@
 #include "tools/inspect.h"
 
 #include <cstdio>
+#include <unordered_map>
 
 #include "corvid/farm.h"
 #include "tools/closest.h"
@@ -50,7 +51,7 @@ std::string FormatDecimal(const BAT& b, const void* v, int scale) {
 
 Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit) {
   BAT* b = nullptr;
-  Status s = LoadColumn(c.id, c.name, &b);
+  Status s = LoadShown(c, &b);
   if (!s.ok()) return s;
   {
     ValueFormatter format(c.id, b);
@@ -66,8 +67,39 @@ Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit) {
     if (s.ok() && n < b->batCount) out << (n == 0 ? " ..." : ", ...");
     out << "\n";
   }
-  BBPreleaseref(c.id);
+  ReleaseShown(c, b);
   return s;
+}
+
+int64_t IntAt(const BAT* b, BUN i) {
+  const void* v = BUNtail(const_cast<BAT*>(b), i);
+  switch (b->twidth) {
+    case 1: return *static_cast<const bte*>(v);
+    case 2: return *static_cast<const sht*>(v);
+  }
+  return *static_cast<const int*>(v);
+}
+
+// Fills the transient BAT `out` with the decoded rows of dictionary column c.
+Status Decode(const FarmColumn& c, BAT* codes, BAT* keys, BAT* key_codes, bat out) {
+  std::unordered_map<int64_t, BUN> row_of;  // code -> its key's row in the dictionary
+  for (BUN i = 0; i < key_codes->batCount && i < keys->batCount; ++i)
+    row_of.emplace(IntAt(key_codes, i), i);
+  const int64_t nil = codes->twidth == 1 ? bte_nil : codes->twidth == 2 ? sht_nil : int_nil;
+  for (BUN i = 0; i < codes->batCount; ++i) {
+    const int64_t code = IntAt(codes, i);
+    const void* v = ATOMnil(keys->ttype);
+    if (code != nil) {
+      auto it = row_of.find(code);
+      if (it == row_of.end())
+        return Status::Error("row " + std::to_string(i) + " of column " + c.name + " holds code " +
+                             std::to_string(code) + ", which its dictionary does not hold");
+      v = BUNtail(keys, it->second);
+    }
+    Status s = FromKernel(CVDbat_append(out, v));
+    if (!s.ok()) return s;
+  }
+  return Status::OK();
 }
 
 }  // namespace
@@ -87,9 +119,43 @@ std::vector<FarmColumn> FarmColumns() {
   for (bat i = 1; i < BBPsize(); ++i) {
     const BAT* b = BBPgetdesc(i);
     const char* name = CVDbat_name(i);
-    if (b != nullptr && b->batPersistent && name != nullptr) list.push_back({i, name});
+    if (b == nullptr || !b->batPersistent || name == nullptr) continue;
+    const std::string owner = DictOwner(name);
+    if (!owner.empty() && CVDbat_lookup(owner.c_str()) != 0) continue;  // shown with its owner
+    FarmColumn c{i, name};
+    c.keys = CVDbat_lookup(DictKeysName(name).c_str());
+    c.key_codes = CVDbat_lookup(DictCodesName(name).c_str());
+    if (c.keys == 0 || c.key_codes == 0) c.keys = c.key_codes = 0;
+    list.push_back(c);
   }
   return list;
+}
+
+Status LoadShown(const FarmColumn& c, BAT** out) {
+  if (c.keys == 0) return LoadColumn(c.id, c.name, out);
+  BAT *codes = nullptr, *keys = nullptr, *key_codes = nullptr;
+  Status s = LoadColumn(c.id, c.name, &codes);
+  if (s.ok()) s = LoadColumn(c.keys, DictKeysName(c.name), &keys);
+  if (s.ok()) s = LoadColumn(c.key_codes, DictCodesName(c.name), &key_codes);
+  bat decoded = 0;
+  if (s.ok()) s = FromKernel(CVDbat_create(keys->ttype, nullptr, codes->batCount, &decoded));
+  if (s.ok()) s = Decode(c, codes, keys, key_codes, decoded);
+  if (s.ok()) *out = BBPdescriptor(decoded);
+  if (s.ok() && *out == nullptr) s = Status::Error("cannot decode column " + c.name);
+  if (!s.ok() && decoded != 0) CVDbat_release(decoded);
+  for (BAT* b : {codes, keys, key_codes})
+    if (b != nullptr) BBPreleaseref(b->batCacheid);
+  return s;
+}
+
+void ReleaseShown(const FarmColumn& c, BAT* b) {
+  if (c.keys == 0) {
+    BBPreleaseref(c.id);
+    return;
+  }
+  const bat decoded = b->batCacheid;
+  BBPreleaseref(decoded);
+  CVDbat_release(decoded);  // the transient BAT goes with its last reference
 }
 
 bool NameMatches(const std::string& name, const std::string& wanted) {
@@ -156,11 +222,15 @@ Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uin
     std::string heap = "-";
     if (b->tvheap != nullptr)
       heap = std::to_string(b->tvheap->free) + "/" + std::to_string(b->tvheap->size);
-    std::snprintf(line, sizeof line, "%5d  %-24s %-14s %12llu %5u %23s %23s  %s\n", c.id,
+    std::snprintf(line, sizeof line, "%5d  %-24s %-14s %12llu %5u %23s %23s  %s", c.id,
                   c.name.c_str(), SqlTypeOf(c.id).c_str(),
                   static_cast<unsigned long long>(b->batCount), b->twidth, tail.c_str(),
                   heap.c_str(), FlagWords(*b).c_str());
     out << line;
+    if (c.keys != 0)
+      out << "  dictionary: " << BBPgetdesc(c.keys)->batCount << " entries ("
+          << DictKeysName(c.name) << ", " << DictCodesName(c.name) << ")";
+    out << "\n";
   }
   if (shown.empty()) out << "(no columns)\n";
   if (limit == 0) return Status::OK();

@@ -26,12 +26,17 @@ namespace qopci {
 std::string FlagWords(const BAT& b);
 
 // A persistent column of the open farm: its BAT id and its name ("trades.price").
+// A dictionary-coded column is shown by its name and decoded: keys and key_codes are its
+// dictionary's BATs ("<name>.dict", "<name>.dict_codes"), 0 for any other column.
 struct FarmColumn {
   bat id = 0;
   std::string name;
+  bat keys = 0;
+  bat key_codes = 0;
 };
 
-// Every persistent column of the open farm, in the order they were made (BAT id order).
+// Every persistent column of the open farm, in the order they were made (BAT id order). The
+// two dictionary BATs of a dictionary-coded column are part of it, not columns of their own.
 std::vector<FarmColumn> FarmColumns();
 
 // Whether a column named `name` ("trades.price") is the one a user means by `wanted`
@@ -62,6 +67,12 @@ class ValueFormatter {
   char* buf_ = nullptr;  // ATOMformat's buffer, grown as needed
   size_t len_ = 0;
 };
+
+// Loads column c as its users see it (*out; release with ReleaseShown): its own BAT, or
+// for a dictionary-coded column a transient BAT of its decoded values (nil for the nil
+// code). A code its dictionary does not hold is an error naming the row.
+Status LoadShown(const FarmColumn& c, BAT** out);
+void ReleaseShown(const FarmColumn& c, BAT* b);
 
 // Print the catalog and then up to `limit` values of every column, or only of the columns
 // named in `columns` ("trades.price", or "price" when one table has it) when not empty.

@@ -10,6 +10,7 @@
 
 #include "corvid/farm.h"
 #include "tools/closest.h"
+#include "tools/dict_target.h"
 #include "tools/error_text.h"
 
 namespace qopci {
@@ -66,7 +67,9 @@ Status FromKernel(char* exception) {
   return Status::Error(text);
 }
 
-int TargetAtomType(const ManifestColumn& column) {
+namespace {
+
+int PlainAtomType(const ManifestColumn& column) {
   switch (column.encoding) {
     case Encoding::kTinyint:
       return TYPE_bte;
@@ -99,8 +102,37 @@ int TargetAtomType(const ManifestColumn& column) {
   return -1;
 }
 
+}  // namespace
+
+int KeyAtomType(const ManifestColumn& column) { return PlainAtomType(column); }
+
+int CodeAtomType(const ManifestColumn& column) {
+  return column.encoding == Encoding::kTinyint    ? TYPE_bte
+         : column.encoding == Encoding::kSmallint ? TYPE_sht
+                                                  : TYPE_int;
+}
+
+int TargetAtomType(const ManifestColumn& column) {
+  return column.dictionary ? CodeAtomType(column) : PlainAtomType(column);
+}
+
 int ResultAtomType(const ManifestColumn& column) {
-  return column.encoding == Encoding::kDecimal ? TYPE_lng : TargetAtomType(column);
+  return column.encoding == Encoding::kDecimal ? TYPE_lng : PlainAtomType(column);
+}
+
+std::string DictKeysName(const std::string& name) { return name + ".dict"; }
+std::string DictCodesName(const std::string& name) { return name + ".dict_codes"; }
+
+std::string DictOwner(const std::string& name) {
+  for (const char* suffix : {".dict", ".dict_codes"}) {
+    const size_t n = std::strlen(suffix);
+    if (name.size() > n && name.compare(name.size() - n, n, suffix) == 0) {
+      const std::string owner = name.substr(0, name.size() - n);
+      // Only a table.column name owns a dictionary.
+      if (owner.find('.') != std::string::npos) return owner;
+    }
+  }
+  return "";
 }
 
 std::string SqlWord(int atom_type) {
@@ -145,7 +177,7 @@ namespace {
 bool SameType(const ManifestColumn& column, bat id) {
   const BAT* b = BBPgetdesc(id);
   const char* recorded = CVDbat_sqltype(id);
-  return recorded != nullptr && *recorded != '\0' ? EncodingName(column) == recorded
+  return recorded != nullptr && *recorded != '\0' ? ColumnTypeName(column) == recorded
                                                   : b->ttype == TargetAtomType(column);
 }
 
@@ -153,7 +185,7 @@ bool SameType(const ManifestColumn& column, bat id) {
 Status CheckAppendType(const std::string& name, const ManifestColumn& column, bat id) {
   const BAT* b = BBPgetdesc(id);
   if (b == nullptr) return Status::Error("column " + name + " is listed but has no BAT");
-  const std::string wanted = EncodingName(column);
+  const std::string wanted = ColumnTypeName(column);
   if (SameType(column, id)) return Status::OK();
   const std::string held = SqlTypeOf(id);
   return Status::Error("column " + name + " is " + held + " in the farm, the manifest asks for " +
@@ -236,7 +268,8 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
       if (!s.ok()) return s;
       t.id = existing;
       t.info.existing_count = static_cast<int64_t>(BBPgetdesc(existing)->batCount);
-      if (c.encoding == Encoding::kString) s = KeptHeap(existing, &t.info);
+      if (c.encoding == Encoding::kString && !c.dictionary) s = KeptHeap(existing, &t.info);
+      if (s.ok() && c.dictionary) s = FindDictionary(name, &t);
       if (!s.ok()) return s;
     } else {
       t.replaced = existing;
@@ -254,9 +287,10 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
                                    : CVDbat_create(TargetAtomType(c), name.c_str(), 0, &t.id));
     if (!s.ok()) return Status::Error("cannot make column " + name + ": " + s.message());
     t.created = t.replaced == 0;
-    s = FromKernel(CVDbat_set_sqltype(t.id, EncodingName(c).c_str()));
+    s = FromKernel(CVDbat_set_sqltype(t.id, ColumnTypeName(c).c_str()));
     if (s.ok()) s = TailFile(t.id, &t.info.tail_file);
-    if (s.ok() && c.encoding == Encoding::kString) s = KeptHeap(t.id, &t.info);
+    if (s.ok() && c.encoding == Encoding::kString && !c.dictionary) s = KeptHeap(t.id, &t.info);
+    if (s.ok() && c.dictionary) s = MakeDictionary(c, name, &t);
     if (!s.ok()) return Status::Error("column " + name + ": " + s.message());
   }
   return Status::OK();

@@ -42,8 +42,19 @@ Status FromKernel(char* exception);
 // The atom type of the column's target BAT (and of its result BAT, rowid aside), or -1 when
 // the kernel does not know it. A decimal's target holds the integer type of its storage
 // width (bte, sht, int or lng); its result BAT holds lng (ResultAtomType).
+// A dictionary-coded column's target holds its codes (CodeAtomType: bte for tinyint, sht
+// for smallint, int for the others), its dictionary the keys (KeyAtomType, the type's own).
 int TargetAtomType(const ManifestColumn& column);
 int ResultAtomType(const ManifestColumn& column);
+int KeyAtomType(const ManifestColumn& column);
+int CodeAtomType(const ManifestColumn& column);
+
+// The names of a dictionary-coded column's two dictionary BATs: "<name>.dict" (keys) and
+// "<name>.dict_codes" (their codes). Listings show them as part of column <name>.
+std::string DictKeysName(const std::string& name);
+std::string DictCodesName(const std::string& name);
+// The dictionary column `name` belongs to when it is one of those two names; "" otherwise.
+std::string DictOwner(const std::string& name);
 
 // The SQL word for a kernel atom type ("bigint" for lng, "double" for dbl), for columns
 // that record no SQL type; the atom's own name when SQL has no word for it.
@@ -62,6 +73,11 @@ struct TargetColumn {
   bat replaced = 0;           // the committed BAT that `id` replaces at the commit, or 0
   bool created = false;       // made by this run; it joins the catalog at the next commit
   TargetInfo info;            // id's tail file and the rows the export keeps
+  // Dictionary-coded columns: the keys and key-code BATs the export writes, and the
+  // committed ones they replace (or 0). They are made, appended to and replaced with `id`.
+  bat dict_keys = 0, dict_codes = 0;
+  bat dict_keys_replaced = 0, dict_codes_replaced = 0;
+  std::string store_note;  // why a store asked for is not used ("" when it is, or none)
 };
 
 // Find, check and then make the target of every manifest column, in manifest order. An

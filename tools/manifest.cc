@@ -146,7 +146,54 @@ Status ParseType(const std::string& raw, ManifestColumn* column) {
 
 // Keys a manifest may hold, at the top and in a column; any other is kept out with a warning.
 const std::vector<std::string> kTopKeys = {"table", "chunk_size", "queued", "columns", "ignore"};
-const std::vector<std::string> kColumnKeys = {"name", "type", "mode", "attributes", "from"};
+const std::vector<std::string> kColumnKeys = {"name",       "type",     "mode",  "attributes",
+                                              "from",       "encoding", "store", "store_dir"};
+
+// "encoding", "store" and "store_dir": how the column is stored.
+Status ParseEncoding(const json& j, ManifestColumn* column) {
+  const std::string where = ColumnPrefix(column->name);
+  if (j.contains("encoding")) {
+    const json& e = j["encoding"];
+    const std::string text = e.is_string() ? e.get<std::string>() : e.dump();
+    if (text != "dictionary" && text != "plain")
+      return Status::Error(where + "unknown encoding " + (e.is_string() ? "\"" + text + "\"" : text) +
+                           " (known: plain, dictionary)");
+    column->dictionary = text == "dictionary";
+  }
+  if (column->dictionary) {
+    switch (column->encoding) {
+      case Encoding::kTinyint:
+      case Encoding::kSmallint:
+      case Encoding::kInt:
+      case Encoding::kBigint:
+      case Encoding::kDouble:
+      case Encoding::kString:
+        break;
+      default:
+        return Status::Error(where + "\"encoding\": \"dictionary\" is for int, smallint, "
+                             "tinyint, bigint, double and string columns, not " +
+                             EncodingName(*column));
+    }
+  }
+  if (j.contains("store")) {
+    const json& st = j["store"];
+    if (!st.is_string() || st.get<std::string>() != "leveldb")
+      return Status::Error(where + "unknown store " + st.dump() + " (known: \"leveldb\")");
+    if (!column->dictionary || column->encoding != Encoding::kString)
+      return Status::Error(where + "\"store\": \"leveldb\" is for string columns with "
+                           "\"encoding\": \"dictionary\"");
+    column->store = true;
+  }
+  if (j.contains("store_dir")) {
+    const json& d = j["store_dir"];
+    if (!d.is_string() || d.get<std::string>().empty())
+      return Status::Error(where + "\"store_dir\" must be a non-empty string (a directory)");
+    if (!column->store)
+      return Status::Error(where + "\"store_dir\" needs \"store\": \"leveldb\"");
+    column->store_dir = d.get<std::string>();
+  }
+  return Status::OK();
+}
 
 void WarnUnknownKeys(const json& object, const std::vector<std::string>& known,
                      const std::string& where, std::vector<std::string>* warnings) {
@@ -196,6 +243,8 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column,
   Status s = ParseType(j["type"].get<std::string>(), column);
   if (!s.ok()) return s;
   WarnUnknownKeys(j, kColumnKeys, ColumnPrefix(column->name), warnings);
+  s = ParseEncoding(j, column);
+  if (!s.ok()) return s;
   if (j.contains("mode")) {
     const json& mode = j["mode"];
     std::string text = mode.is_string() ? mode.get<std::string>() : mode.dump();
@@ -218,6 +267,9 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column,
     if (column->encoding == Encoding::kRowid || column->encoding == Encoding::kSerial)
       return Status::Error(ColumnPrefix(column->name) + EncodingName(*column) +
                            " columns are numbered and cannot copy another column");
+    if (column->dictionary)
+      return Status::Error(ColumnPrefix(column->name) +
+                           "a dictionary-coded column cannot copy another column (\"from\")");
     column->from = text;
   }
   if (j.contains("attributes")) return ParseOverrides(j["attributes"], column);
@@ -342,6 +394,10 @@ std::string EncodingName(const ManifestColumn& column) {
   if (column.encoding == Encoding::kSerial) return "serial";
   if (column.encoding == Encoding::kString) return "string";
   return SqlTypeName(column.encoding);
+}
+
+std::string ColumnTypeName(const ManifestColumn& column) {
+  return EncodingName(column) + (column.dictionary ? " dictionary" : "");
 }
 
 int DecimalWidth(int precision) {

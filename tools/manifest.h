@@ -61,6 +61,14 @@ struct ManifestColumn {
   // "from": a generated column that copies this existing column of the farm
   // ("trades.id"); it has no field in the result.
   std::string from;
+  // "encoding": "dictionary": stored as a dictionary of distinct values and one code per
+  // row (three BATs: "<t>.<c>" the row codes, "<t>.<c>.dict" the keys, "<t>.<c>.dict_codes"
+  // their codes). For tinyint, smallint, int, bigint, double and string columns.
+  bool dictionary = false;
+  // "store": "leveldb" (string dictionaries only): the dictionary is also kept in a
+  // persistent store, in store_dir ("store_dir"), or inside the farm when that is empty.
+  bool store = false;
+  std::string store_dir;
 };
 
 // Whether the result carries this column's values (rowid and "from" columns are made by the
@@ -94,6 +102,10 @@ Status LoadManifest(const std::string& path, Manifest* out);
 // The manifest spelling of a column's encoding ("decimal(9,2)"), which is also the SQL type
 // recorded for its target.
 std::string EncodingName(const ManifestColumn& column);
+
+// The type a column is known by, recorded with its target and shown in summaries:
+// EncodingName(), followed by " dictionary" for a dictionary-coded column ("int dictionary").
+std::string ColumnTypeName(const ManifestColumn& column);
 
 // The SQL type name a result column of this encoding carries ("int", "decimal", ...).
 const char* SqlTypeName(Encoding encoding);

@@ -262,7 +262,7 @@ Status PrintRows(std::ostream& out, const RowViewOptions& options) {
   std::vector<Loaded> cols;
   for (const FarmColumn& c : chosen) {
     BAT* b = nullptr;
-    s = LoadColumn(c.id, c.name, &b);
+    s = LoadShown(c, &b);
     if (!s.ok()) break;
     cols.push_back({c, b, std::make_unique<ValueFormatter>(c.id, b)});
     if (b->batCount != cols[0].b->batCount) {
@@ -276,7 +276,7 @@ Status PrintRows(std::ostream& out, const RowViewOptions& options) {
   if (s.ok()) s = Print(out, options, cols);
   for (Loaded& c : cols) {
     c.format.reset();
-    BBPreleaseref(c.column.id);
+    ReleaseShown(c.column, c.b);
   }
   return s;
 }

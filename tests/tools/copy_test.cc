@@ -221,9 +221,9 @@ TEST_F(CopyTest, ManifestAttributesAreCheckedAgainstTheTable) {
       {"", R"("38": 18446744073709551615)", 1, id + "\"38\" must fit in a 64-bit integer"},
       {R"("chunk_size": 2147483647,)", "", 1,
        "manifest: \"chunk_size\" must be 1 to 16777216, not 2147483647"},
-      {"", R"("13": 7)", 0,
+      {"", R"("15": 7)", 0,
        "qopci: warning: " + id +
-           "13 (string dictionary option) is not read by this version of the "
+           "15 (time-level writer option) is not read by this version of the "
            "library; it is registered but changes nothing"},
   };
   for (const auto& k : cases) {
