@@ -79,9 +79,14 @@ void PrintJsonSummary(const Manifest& manifest, const std::vector<TargetColumn>&
 
 void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& targets, uint64_t rows,
                   double seconds, std::ostream& out) {
+  // The type column is as wide as its longest entry ("string dictionary[5] leveldb"), at
+  // least 14 characters, so the columns stay aligned.
+  int type_width = 14;
+  for (const TargetColumn& t : targets)
+    type_width = std::max(type_width, static_cast<int>(SummaryType(manifest, t).size()));
   char line[512];
-  std::snprintf(line, sizeof line, "%-24s %-14s %-9s %12s %14s  %s\n", "column", "type", "action",
-                "rows", "tail bytes", "flags");
+  std::snprintf(line, sizeof line, "%-24s %-*s %-9s %12s %14s  %s\n", "column", type_width,
+                "type", "action", "rows", "tail bytes", "flags");
   out << line;
   for (const TargetColumn& t : targets) {
     const ManifestColumn& c = manifest.columns[t.manifest_index];
@@ -89,8 +94,9 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
     const bat id = CVDbat_lookup(TargetName(manifest, c).c_str());
     const BAT* b = id != 0 ? BBPgetdesc(id) : nullptr;
     if (b == nullptr) continue;
-    std::snprintf(line, sizeof line, "%-24s %-14s %-9s %12llu %14zu  %s\n",
-                  TargetName(manifest, c).c_str(), SummaryType(manifest, t).c_str(), Action(t),
+    std::snprintf(line, sizeof line, "%-24s %-*s %-9s %12llu %14zu  %s\n",
+                  TargetName(manifest, c).c_str(), type_width, SummaryType(manifest, t).c_str(),
+                  Action(t),
                   static_cast<unsigned long long>(b->batCount), b->theap.free,
                   FlagWords(*b).c_str());
     out << line;

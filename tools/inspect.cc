@@ -1,5 +1,6 @@
 #include "tools/inspect.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <unordered_map>
 
@@ -211,9 +212,12 @@ Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uin
   }
   if (columns.empty()) shown = all;
 
+  int type_width = 14;  // as wide as the longest type, so that the columns stay aligned
+  for (const FarmColumn& c : shown)
+    type_width = std::max(type_width, static_cast<int>(SqlTypeOf(c.id).size()));
   char line[512];
-  std::snprintf(line, sizeof line, "%5s  %-24s %-14s %12s %5s %23s %23s  %s\n", "id", "name",
-                "type", "count", "width", "tail bytes used/alloc", "heap bytes used/alloc",
+  std::snprintf(line, sizeof line, "%5s  %-24s %-*s %12s %5s %23s %23s  %s\n", "id", "name",
+                type_width, "type", "count", "width", "tail bytes used/alloc", "heap bytes used/alloc",
                 "flags");
   out << line;
   for (const FarmColumn& c : shown) {
@@ -222,8 +226,8 @@ Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uin
     std::string heap = "-";
     if (b->tvheap != nullptr)
       heap = std::to_string(b->tvheap->free) + "/" + std::to_string(b->tvheap->size);
-    std::snprintf(line, sizeof line, "%5d  %-24s %-14s %12llu %5u %23s %23s  %s", c.id,
-                  c.name.c_str(), SqlTypeOf(c.id).c_str(),
+    std::snprintf(line, sizeof line, "%5d  %-24s %-*s %12llu %5u %23s %23s  %s", c.id,
+                  c.name.c_str(), type_width, SqlTypeOf(c.id).c_str(),
                   static_cast<unsigned long long>(b->batCount), b->twidth, tail.c_str(),
                   heap.c_str(), FlagWords(*b).c_str());
     out << line;
