@@ -272,6 +272,14 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
       if (s.ok() && c.dictionary) s = FindDictionary(name, &t);
       if (!s.ok()) return s;
     } else {
+      // The kernel can replace a BAT but not drop one: a plain column written over a
+      // dictionary column would leave the dictionary's two BATs behind as columns of their
+      // own. Refused until it can drop them with the column.
+      if (existing != 0 && !c.dictionary && CVDbat_lookup(DictKeysName(name).c_str()) != 0)
+        return Status::Error("column " + name +
+                             " is dictionary-coded; replacing it by a plain column would leave "
+                             "its dictionary " + DictKeysName(name) +
+                             " behind: keep \"encoding\": \"dictionary\" or use a new column");
       t.replaced = existing;
     }
     Status s = CheckTargetOverrides(name, c, t.info);

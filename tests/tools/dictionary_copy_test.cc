@@ -300,6 +300,9 @@ TEST_F(DictionaryCopyTest, RefusalsAndCodeLimits) {
        "--replace to change it"},
   };
   for (const auto& c : cases) EXPECT_EQ(Copy(c.column, c.csv).message(), c.want);
+  EXPECT_EQ(Copy(R"("type": "int")", "1\n", /*replace=*/true).message(),
+            "column t.v is dictionary-coded; replacing it by a plain column would leave its "
+            "dictionary t.v.dict behind: keep \"encoding\": \"dictionary\" or use a new column");
   EXPECT_EQ(Dictionary().size(), 100u);
   ASSERT_TRUE(Copy(tiny, thirty).ok());  // 127 entries: the last code that does not wrap
   EXPECT_EQ(Dictionary().at("126"), 127);
