@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "catalog.h"
+#include "corvid/strheap.h"
 
 #if defined(__x86_64__)
 #include <xxh_x86dispatch.h>
@@ -39,6 +40,17 @@ uint64_t HashBytes(const char* data, size_t n) {
 #else
   return XXH3_64bits(data, n);
 #endif
+}
+
+uint64_t HashBlock(const char* block, size_t bytes, size_t index, bool heap) {
+  const size_t skip = heap && index == 0 ? std::min<size_t>(CVD_STRHEAP_HASHAREA, bytes) : 0;
+  return HashBytes(block + skip, bytes - skip);
+}
+
+// The hash of block i of data[0, n).
+static uint64_t BlockHash(const char* data, size_t n, size_t i, bool heap) {
+  const size_t start = i * kSumBlock;
+  return HashBlock(data + start, std::min(kSumBlock, n - start), i, heap);
 }
 
 std::string EncodeSums(const BlockSums& s) {
@@ -84,7 +96,7 @@ bool StartExtension(const BlockSums* old, const char* data, size_t n, uint32_t w
     const size_t from = static_cast<size_t>(old->covered / kSumBlock);  // holds the old end
     const size_t kept = old->covered % kSumBlock;
     if (kept != 0 && !(heap && from == 0) &&
-        HashBytes(data + from * kSumBlock, kept) != old->blocks[from]) {
+        BlockHash(data, old->covered, from, false) != old->blocks[from]) {
       *why = BlockText(from, old->covered) + " no longer matches its checksum";
       return false;
     }
@@ -97,17 +109,17 @@ bool StartExtension(const BlockSums* old, const char* data, size_t n, uint32_t w
 }
 
 void HashBlocks(const char* data, size_t n, size_t first, size_t last, BlockSums* out) {
-  for (size_t i = first; i < last; i++) {
-    const size_t start = i * kSumBlock;
-    out->blocks[i] = HashBytes(data + start, std::min(kSumBlock, n - start));
-  }
+  for (size_t i = first; i < last; i++) out->blocks[i] = BlockHash(data, n, i, out->width == 0);
 }
 
 std::vector<size_t> BadBlocks(const BlockSums& s, const char* data, size_t n) {
   std::vector<size_t> bad;
+  const bool heap = s.width == 0;
   for (size_t i = 0; i < BlockCount(n) && i < s.blocks.size(); i++) {
-    const size_t start = i * kSumBlock;
-    if (HashBytes(data + start, std::min(kSumBlock, n - start)) != s.blocks[i]) bad.push_back(i);
+    // Sums written before the hash area was left out cover a heap's whole first block.
+    if (BlockHash(data, n, i, heap) != s.blocks[i] &&
+        !(heap && i == 0 && BlockHash(data, n, 0, false) == s.blocks[0]))
+      bad.push_back(i);
   }
   return bad;
 }

@@ -46,6 +46,13 @@ bool DecodeSums(const std::string& bytes, BlockSums* s, std::string* why);
 bool StartExtension(const BlockSums* old, const char* data, size_t n, uint32_t width, bool heap,
                     BlockSums* out, size_t* first, std::string* why);
 
+// The hash of block `index` of a column file, its bytes block[0, bytes). A string heap's
+// first block (heap true, index 0) is hashed without its hash area: an export rewrites that
+// index in place before its commit, and a stale one is harmless (the kernel follows none of
+// its positions at or beyond the heap's free), so an export that failed or was killed must
+// not make the committed heap fail its check.
+uint64_t HashBlock(const char* block, size_t bytes, size_t index, bool heap);
+
 // Hashes blocks [first, last) of data[0, n) into out->blocks, which has room for them.
 void HashBlocks(const char* data, size_t n, size_t first, size_t last, BlockSums* out);
 

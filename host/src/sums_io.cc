@@ -141,7 +141,8 @@ class SumsHasher {
       }
       for (size_t b = piece.first; b < piece.last; b++) {
         const size_t at = (b - piece.first) * kSumBlock;
-        j.sums.blocks[b] = HashBytes(buffer.get() + at, std::min(kSumBlock, n - at));
+        j.sums.blocks[b] = HashBlock(buffer.get() + at, std::min(kSumBlock, n - at), b,
+                                     j.sums.width == 0);
       }
     }
   }
