@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -106,41 +105,6 @@ void PrintSummary(const Manifest& manifest, const std::vector<TargetColumn>& tar
   out << line;
 }
 
-// The hash area (first 2048 bytes) of a heap an export appends to. The string writer
-// rewrites it in place as it appends, but it lies inside the bytes the last commit covers
-// with its checksums: an export that fails must put it back, or the column would no longer
-// load.
-struct KeptHashArea {
-  std::string file;
-  std::string bytes;
-};
-
-std::vector<KeptHashArea> SaveHashAreas(const Manifest& manifest,
-                                        const std::vector<TargetColumn>& targets) {
-  std::vector<KeptHashArea> kept;
-  for (const TargetColumn& t : targets) {
-    const ManifestColumn& c = manifest.columns[t.manifest_index];
-    if (c.encoding != Encoding::kString) continue;
-    const bool dict = c.dictionary;
-    const std::string& file = dict ? t.info.dict.key_heap : t.info.heap_file;
-    if ((dict ? t.info.dict.heap_size : t.info.heap_size) == 0) continue;
-    std::ifstream in(file, std::ios::binary);
-    std::string bytes(2048, '\0');
-    if (in.read(bytes.data(), static_cast<std::streamsize>(bytes.size())))
-      kept.push_back({file, bytes});
-  }
-  return kept;
-}
-
-void RestoreHashAreas(const std::vector<KeptHashArea>& kept) {
-  for (const KeptHashArea& k : kept) {
-    std::fstream out(k.file, std::ios::binary | std::ios::in | std::ios::out);
-    out.write(k.bytes.data(), static_cast<std::streamsize>(k.bytes.size()));
-    if (!out)
-      std::cerr << "qopci: warning: cannot put back the hash area of " << k.file << "\n";
-  }
-}
-
 }  // namespace
 
 Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions& options,
@@ -178,16 +142,12 @@ Status CopyResult(const Manifest& manifest, ResultData* data, const CopyOptions&
   if (s.ok()) s = RegisterColumns(manifest, targets, options.sync, data->rows);
   if (!s.ok()) return s;
 
-  const std::vector<KeptHashArea> hash_areas = SaveHashAreas(manifest, targets);
   char* error = nullptr;
   auto start = std::chrono::steady_clock::now();
   int attempted = qopci_export_result(session.context(), result_id, CVDfarm_logger(), &error);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (attempted == 0) return Status::Error("export: no column was registered");
-  if (error != nullptr) {
-    RestoreHashAreas(hash_areas);
-    return Status::Error(error);  // the library's buffer
-  }
+  if (error != nullptr) return Status::Error(error);  // the library's buffer
   FinishStores(manifest, targets, std::cerr);
 
   if (options.json)
