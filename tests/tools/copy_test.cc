@@ -123,18 +123,6 @@ TEST_F(CopyTest, DecimalsSurviveAtEveryPrecision) {
   for (int p = 1; p <= 18; ++p) EXPECT_EQ(Values("d" + std::to_string(p)), printed[p]);
 }
 
-TEST_F(CopyTest, AppendWithAnotherPrecisionIsRefusedAndChangesNothing) {
-  const std::string price = R"j({"name": "price", "type": "decimal(9,2)"})j";
-  ASSERT_TRUE(Copy(price, "price\n201.49\n-0.05\n").ok());
-  const auto before = Files();
-  Status s = Copy(R"j({"name": "price", "type": "decimal(10,2)"})j", "price\n1.00\n");
-  EXPECT_EQ(s.message(),
-            "column t.price is decimal(9,2) in the farm, the manifest asks for decimal(10,2); use "
-            "--replace to change it");
-  EXPECT_EQ(Files(), before);
-  EXPECT_EQ(Values("price"), "t.price: 201.49, -0.05");
-}
-
 TEST_F(CopyTest, ReplaceSwapsTheColumnAtTheCommitOnly) {
   const std::string old_columns = R"({"name": "a", "type": "int"}, {"name": "b", "type": "int"})";
   ASSERT_TRUE(Copy(old_columns, "a,b\n1,10\n2,20\n3,30\n").ok());

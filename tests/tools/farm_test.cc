@@ -68,6 +68,8 @@ TEST_F(FarmTest, TargetsAreCreatedOnceWithTheirTypeAndCheckedOnAppend) {
     std::string column, error;
   } clashes[] = {
       {R"({"name": "d", "type": "int"})", "t.d is bigint in the farm, the manifest asks for int"},
+      {R"j({"name": "f", "type": "decimal(4,2)"})j",  // stored as smallint all the same
+       "t.f is decimal(4,1) in the farm, the manifest asks for decimal(4,2)"},
       {R"j({"name": "old", "type": "decimal(9,2)"})j",
        "t.old is bigint in the farm, the manifest asks for decimal(9,2)"},
       {R"({"name": "old", "type": "bigint"})", ""},

@@ -14,31 +14,9 @@
 namespace qopci_test {
 namespace {
 
-using qopci::BATWriter;
 using qopci::KeyValueChunk;
 using qopci::SimpleTypeChunk;
 using qopci::StringDictWriter;
-
-// Points persistent BAT id at what writer w wrote, as the copy manager does after Close.
-void Install(bat id, BATWriter* w, uint64_t rows) {
-  BAT* b = BBPgetdesc(id);
-  ASSERT_NE(b, nullptr);
-  b->batCount = b->batCapacity = rows;
-  b->theap.free = w->GetTailSize();
-  b->theap.size = w->GetTailMappedSize();
-  b->twidth = static_cast<uint16_t>(w->GetValueWidth());
-  b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
-  b->tailRows = b->theap.free / b->twidth;
-  b->tsorted = b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
-  b->batDirty = b->batDirtydesc = 1;
-  b->theap.dirty = 1;
-  if (b->tvheap != nullptr) {
-    b->tvheap->free = w->GetHeapSize();
-    b->tvheap->size = w->GetHeapMappedSize();
-    b->tvheap->dirty = 1;
-  }
-  b->batStatus |= BATSTATUS_REWRITTEN;
-}
 
 std::string File(bat id, const char* ext) {
   char path[1024];
@@ -135,13 +113,7 @@ TEST_F(StringFarmTest, StringDictionaryReadBackThroughTheKernel) {
       EXPECT_EQ(by_code[*static_cast<const unsigned*>(BUNtail(codes, i))], rows[i]) << i;
     for (BAT* b : {keys, key_codes, codes}) BBPreleaseref(b->batCacheid);
     CVDfarm_close();
-    char* report = nullptr;
-    int faults = -1;
-    ASSERT_EQ(CVDfarm_verify(Path("farm").c_str(), &report, &faults), nullptr);
-    EXPECT_EQ(faults, 0) << report;
-    GDKfree(report);
-    std::filesystem::remove_all(Path("farm"));
-    ASSERT_EQ(CVDfarm_open(Path("farm").c_str(), CVD_FARM_CREATE), nullptr);
+    VerifyAndStartOver();
   }
 }
 

@@ -1,12 +1,14 @@
 // Helpers of the string column tests: a farm in a temporary directory, the kernel's own
 // heap and tail for a list of strings, and the library's chain (StringChunker, chunks,
-// StringWriter) writing the same strings to files.
+// StringWriter) writing the same strings to files; what the copy manager records of a
+// written BAT, and the kernel's check of a farm.
 #ifndef QOPCI_TESTS_WRITERS_STRING_TEST_FARM_H_
 #define QOPCI_TESTS_WRITERS_STRING_TEST_FARM_H_
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -54,6 +56,38 @@ class StringFarmTest : public ::testing::Test {
   void TearDown() override { CVDfarm_close(); }
 
   std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
+
+  // Points persistent BAT id at what writer w wrote, as the copy manager does after Close.
+  static void Install(bat id, qopci::BATWriter* w, uint64_t rows) {
+    BAT* b = BBPgetdesc(id);
+    ASSERT_NE(b, nullptr);
+    b->batCount = b->batCapacity = rows;
+    b->theap.free = w->GetTailSize();
+    b->theap.size = w->GetTailMappedSize();
+    b->twidth = static_cast<uint16_t>(w->GetValueWidth());
+    b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
+    b->tailRows = b->theap.free / b->twidth;
+    b->tsorted = b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
+    b->batDirty = b->batDirtydesc = 1;
+    b->theap.dirty = 1;
+    if (b->tvheap != nullptr) {
+      b->tvheap->free = w->GetHeapSize();
+      b->tvheap->size = w->GetHeapMappedSize();
+      b->tvheap->dirty = 1;
+    }
+    b->batStatus |= BATSTATUS_REWRITTEN;
+  }
+
+  // With the farm closed: the kernel's check finds no fault; then a fresh farm is opened.
+  void VerifyAndStartOver() {
+    char* report = nullptr;
+    int faults = -1;
+    ASSERT_EQ(CVDfarm_verify(Path("farm").c_str(), &report, &faults), nullptr);
+    EXPECT_EQ(faults, 0) << report;
+    GDKfree(report);
+    std::filesystem::remove_all(Path("farm"));
+    ASSERT_EQ(CVDfarm_open(Path("farm").c_str(), CVD_FARM_CREATE), nullptr);
+  }
 
   // Appends strings to a new transient str BAT and returns what the kernel built.
   static KernelColumn Kernel(const std::vector<std::string>& strings) {

@@ -19,26 +19,6 @@ namespace {
 
 using qopci::StringChunk;
 
-// Points the descriptor of persistent BAT id at the files the writer wrote, as the copy
-// manager does once the writer is closed.
-void Install(bat id, StringWriter& w, uint64_t rows) {
-  BAT* b = BBPgetdesc(id);
-  ASSERT_NE(b, nullptr);
-  b->batCount = b->batCapacity = rows;
-  b->theap.free = w.GetTailSize();
-  b->theap.size = w.GetTailMappedSize();
-  b->twidth = static_cast<uint16_t>(w.GetValueWidth());
-  b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
-  b->tailRows = b->theap.free / b->twidth;
-  b->tsorted = b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
-  b->batDirty = b->batDirtydesc = 1;
-  b->theap.dirty = 1;
-  b->tvheap->free = w.GetHeapSize();
-  b->tvheap->size = w.GetHeapMappedSize();
-  b->tvheap->dirty = 1;
-  b->batStatus |= BATSTATUS_REWRITTEN;
-}
-
 TEST_F(StringFarmTest, KernelReadsWhatTheLibraryWroteOrExtended) {
   std::vector<std::string> mixed = {"alpha", kNil, "", "alpha", kNil + "b", "beta", kNil};
   std::vector<std::string> wide = Numbered("w", 400, 12);  // width 2
@@ -79,7 +59,7 @@ TEST_F(StringFarmTest, KernelReadsWhatTheLibraryWroteOrExtended) {
     EXPECT_EQ(chunker.Heap().Free() == heap_size, c.heap_unchanged);
     ASSERT_TRUE(writer.WriteChunk(chunker.TakeChunk()));
     ASSERT_TRUE(writer.Close());
-    Install(id, writer, rows + c.library.size());
+    Install(id, &writer, rows + c.library.size());
     ASSERT_EQ(TMcommit(), 0);
 
     CVDfarm_close();
@@ -94,13 +74,7 @@ TEST_F(StringFarmTest, KernelReadsWhatTheLibraryWroteOrExtended) {
       EXPECT_STREQ(static_cast<const char*>(BUNtail(d, i)), all[i].c_str()) << i;
     BBPreleaseref(id);
     CVDfarm_close();
-    char* report = nullptr;
-    int faults = -1;
-    ASSERT_EQ(CVDfarm_verify(Path("farm").c_str(), &report, &faults), nullptr);
-    EXPECT_EQ(faults, 0) << report;
-    GDKfree(report);
-    std::filesystem::remove_all(Path("farm"));
-    ASSERT_EQ(CVDfarm_open(Path("farm").c_str(), CVD_FARM_CREATE), nullptr);
+    VerifyAndStartOver();
   }
 }
 

@@ -155,7 +155,6 @@ TEST_F(WritersTest, WorkItemErrorsAndChunkOwnership) {
   } cases[] = {
       {"written", true, 0, 0},
       {"disk full while growing the tail", true, ENOSPC, ENOSPC},
-      {"I/O error", true, EIO, EIO},
       {"tail never opened", false, 0, EBADF},
   };
   for (bool queued : {false, true}) {
