@@ -455,24 +455,7 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
     // The chunker saw the target's last value first, so its flag covers the join; the
     // rows before it are sorted only if the BAT said so.
     const bool sorted = d->IsSorted() && (base == 0 || b->tsorted);
-    b->batCount = b->batCapacity = base + d->GetValueCount();
-    b->theap.free = w->GetTailSize();
-    b->theap.size = w->GetTailMappedSize();
-    b->twidth = static_cast<uint16_t>(w->GetValueWidth());
-    b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
-    b->tailRows = b->twidth != 0 ? b->theap.free / b->twidth : 0;
-    // Every other property is cleared and left to the host's check when it commits and
-    // reloads the BAT.
-    b->tsorted = sorted ? 1 : 0;
-    b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
-    b->batDirty = b->batDirtydesc = 1;
-    b->theap.dirty = 1;
-    if (b->tvheap != nullptr) {
-      b->tvheap->free = w->GetHeapSize();
-      b->tvheap->size = w->GetHeapMappedSize();
-      b->tvheap->dirty = 1;
-    }
-    b->batStatus |= BATSTATUS_REWRITTEN;
+    DescribeWrittenBAT(b, w, base + d->GetValueCount(), sorted);
     RefreshColumn(idx);
     job.rewritten.push_back(idx);
   }

@@ -13,6 +13,7 @@
 #include <list>
 
 #include "chunkers/bat_chunk.h"
+#include "corvid/gdk.h"
 #include "queue/concurrent_queue.h"
 
 namespace qopci {
@@ -67,6 +68,11 @@ class BATWriter {
   bool compressed_ = true;
   bool keep_existing_;  // files are appended to, not created anew
 };
+
+// Points BAT b's descriptor at what w wrote once it is closed: rows, the tail's and the
+// heap's sizes, the value width; marks it dirty and rewritten. Every property but the
+// sorted flag is cleared and left to the host's check when it commits and reloads the BAT.
+void DescribeWrittenBAT(BAT* b, BATWriter* w, BUN rows, bool sorted);
 
 }  // namespace qopci
 

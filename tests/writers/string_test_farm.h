@@ -61,21 +61,7 @@ class StringFarmTest : public ::testing::Test {
   static void Install(bat id, qopci::BATWriter* w, uint64_t rows) {
     BAT* b = BBPgetdesc(id);
     ASSERT_NE(b, nullptr);
-    b->batCount = b->batCapacity = rows;
-    b->theap.free = w->GetTailSize();
-    b->theap.size = w->GetTailMappedSize();
-    b->twidth = static_cast<uint16_t>(w->GetValueWidth());
-    b->tshift = static_cast<uint16_t>(ATOMelmshift(b->twidth));
-    b->tailRows = b->theap.free / b->twidth;
-    b->tsorted = b->trevsorted = b->tkey = b->tnonil = b->tdense = 0;
-    b->batDirty = b->batDirtydesc = 1;
-    b->theap.dirty = 1;
-    if (b->tvheap != nullptr) {
-      b->tvheap->free = w->GetHeapSize();
-      b->tvheap->size = w->GetHeapMappedSize();
-      b->tvheap->dirty = 1;
-    }
-    b->batStatus |= BATSTATUS_REWRITTEN;
+    qopci::DescribeWrittenBAT(b, w, rows, false);
   }
 
   // With the farm closed: the kernel's check finds no fault; then a fresh farm is opened.
