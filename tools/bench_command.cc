@@ -24,6 +24,7 @@
 #include "qopci/qopci.h"
 #include "tools/attribute_table.h"
 #include "tools/kernel_io.h"
+#include "tools/level_target.h"
 #include "tools/session.h"
 
 namespace qopci {
@@ -260,6 +261,21 @@ Status RunOnce(const BenchColumns& cols, const ResultData& data, const fs::path&
         size += static_cast<uint64_t>(st.st_size);
       sizes.push_back(size);
       run->bytes += size;
+      // A time-level column writes its level files too: each row level holds every row.
+      for (size_t k = 0; k < t.companions.size(); ++k) {
+        const BAT* c = BBPgetdesc(t.companions[k]);
+        const char* level = CVDbat_name(t.companions[k]);
+        if (k < kLevelCount && (c == nullptr || c->batCount != data.rows))
+          return Status::Error("export: " + std::string(level ? level : name + " levels") +
+                               " holds " + (c ? std::to_string(c->batCount) : "no BAT") +
+                               " rows, expected " + std::to_string(data.rows));
+        if (CVDbat_filename(t.companions[k], "tail", path, sizeof path) == nullptr ||
+            ::stat(path, &st) != 0)
+          return Status::Error("export: cannot find the tail file of " +
+                               std::string(level ? level : name + " levels"));
+        sizes.push_back(static_cast<uint64_t>(st.st_size));
+        run->bytes += static_cast<uint64_t>(st.st_size);
+      }
     }
   }
   Settle(warm);
@@ -325,13 +341,16 @@ Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_siz
     std::string type = items[k];
     const std::string where = "--columns item " + std::to_string(k + 1) + " \"" + type + "\": ";
     bool asked = false;  // ":random" written on this item
-    size_t colon = type.rfind(':');
-    if (colon != std::string::npos) {
-      if (type.substr(colon + 1) != "random")
-        return Status::Error(where + "only \":random\" may follow a type");
+    const std::string random = ":random";
+    if (type.size() > random.size() &&
+        type.compare(type.size() - random.size(), random.size(), random) == 0) {
       asked = true;
-      type.resize(colon);
+      type.resize(type.size() - random.size());
     }
+    // "levels" and "levels:dict": timestamps exported with their time levels.
+    const bool levels = type == "levels" || type == "levels:dict";
+    if (!levels && type.find(':') != std::string::npos)
+      return Status::Error(where + "only \":random\" may follow a type");
     // The manifest parser knows the types and their rules; parse each as a one-column one.
     const std::string name = "c" + std::to_string(k + 1);
     const BenchStrings strings = type == "sym"    ? BenchStrings::kSym
@@ -348,6 +367,11 @@ Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_siz
       continue;
     }
     nlohmann::json j = {{"table", "bench"}, {"columns", {{{"name", name}, {"type", type}}}}};
+    if (levels) {
+      j["columns"][0]["type"] = "timestamp";
+      j["columns"][0]["levels"] = true;
+      if (type == "levels:dict") j["columns"][0]["encoding"] = "dictionary";
+    }
     Manifest one;
     Status s = ParseManifest(j.dump(), &one);
     if (!s.ok()) {

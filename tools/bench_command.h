@@ -69,8 +69,9 @@ CLI::App* AddBenchCommand(CLI::App* app, BenchOptions* options);
 Status CheckBenchOptions(const BenchOptions& options);
 
 // Parse a comma list of manifest types, each optionally followed by ":random"
-// ("int,decimal(9,2):random,timestamp"), or the generated string columns "sym" and "name";
-// commas inside parentheses belong to the type.
+// ("int,decimal(9,2):random,timestamp"), the generated string columns "sym" and "name", or
+// "levels" and "levels:dict" (timestamps with time levels, the second with their dictionary
+// of hours); commas inside parentheses belong to the type.
 // With all_random every column but row ids is random. Queued unless sync.
 Status ParseBenchColumns(const std::string& spec, bool all_random, int chunk_size, bool sync,
                          BenchColumns* out);

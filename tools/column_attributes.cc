@@ -19,6 +19,9 @@ enum : int {
   kTailFile = 5,
   kKeepExisting = 6,
   kWriterPrecision = 9,
+  kRowLevelFiles = 15,  // 15-19: level number, year, quarter, month and day of each row
+  kDictCodesFile = 24,
+  kDictLevelFiles = 25,  // 25-29: the same five of each dictionary entry
   kWriterScale = 10,
   kHeapParameter = 11,
   kChunkerHeapFile = 12,
@@ -84,6 +87,27 @@ std::vector<Attribute> DictionaryAttributes(const ManifestColumn& column, const 
         Attribute::Lng(kChunkerHeapSize, d.heap_size), Attribute::Str(kWriterHeapFile, d.key_heap),
         Attribute::Int(kTailWidth, d.key_width), Attribute::Lng(kWriterHeapSize, d.heap_size)})
     own.push_back(a);
+  return own;
+}
+
+// The attributes of a time-level column (chunker 6 and writer 2, or 7 and 4 for the
+// dictionary form): the files of its level streams and, in the dictionary form, where its
+// dictionary of hours is and what it keeps. The row part is appended to or written anew
+// with the column (attributes 5, 6, 38); the dictionary is always appended to.
+std::vector<Attribute> LevelAttributes(const ManifestColumn& column, const TargetInfo& t) {
+  std::vector<Attribute> own;
+  for (size_t k = 0; k < t.level_files.size(); ++k)
+    own.push_back(Attribute::Str(kRowLevelFiles + static_cast<int>(k), t.level_files[k]));
+  if (!column.dictionary) return own;
+  const DictInfo& d = t.dict;
+  for (const Attribute& a :
+       {Attribute::Int(kNilAsKey, 0), Attribute::Str(kReloadKeyFile, d.key_file),
+        Attribute::Str(kReloadKeyHeap, ""), Attribute::Str(kReloadCodeFile, d.code_file),
+        Attribute::Lng(kChunkerEntries, d.entries), Attribute::Str(kDictCodesFile, d.code_file),
+        Attribute::Lng(kWriterEntries, d.entries), Attribute::Lng(kWriterRows, t.existing_count)})
+    own.push_back(a);
+  for (size_t k = 0; k < t.dict_level_files.size(); ++k)
+    own.push_back(Attribute::Str(kDictLevelFiles + static_cast<int>(k), t.dict_level_files[k]));
   return own;
 }
 
@@ -199,6 +223,31 @@ Status CheckTargetOverrides(const std::string& target_name, const ManifestColumn
     return Status::Error(where + "attribute 5 names " + file->text +
                          ", not the column's tail file " + target.tail_file +
                          "; leave attribute 5 out");
+  if (column.levels) {
+    // The level files are the column's own, as its tail is: 15-19, and 24-29 for the
+    // dictionary form.
+    std::vector<std::pair<int, std::string>> files;
+    for (size_t k = 0; k < target.level_files.size(); ++k)
+      files.emplace_back(kRowLevelFiles + static_cast<int>(k), target.level_files[k]);
+    if (column.dictionary) files.emplace_back(kDictCodesFile, target.dict.code_file);
+    for (size_t k = 0; column.dictionary && k < target.dict_level_files.size(); ++k)
+      files.emplace_back(kDictLevelFiles + static_cast<int>(k), target.dict_level_files[k]);
+    for (int n = kRowLevelFiles; n < kDictLevelFiles + 5; ++n) {
+      const Attribute* a = Override(column, n);
+      if (a == nullptr || (n >= kDictCodesFile && !column.dictionary)) continue;
+      const std::string number = std::to_string(n);
+      if (target.new_file)
+        return Status::Error(where + "attribute " + number + " names " + a->text +
+                             ", but the export writes this column's levels into new files that "
+                             "it makes; leave attribute " +
+                             number + " out");
+      for (const auto& [m, file] : files)
+        if (m == n && a->text != file)
+          return Status::Error(where + "attribute " + number + " names " + a->text +
+                               ", not the column's level file " + file + "; leave attribute " +
+                               number + " out");
+    }
+  }
   if (column.encoding != Encoding::kString || column.dictionary) return Status::OK();
   // The heap the export extends must be the target's, described as the farm holds it: a
   // heap file, size or width of its own would make the tail point at other strings.
@@ -285,6 +334,11 @@ std::vector<Attribute> ColumnAttributes(const Manifest& manifest, const Manifest
     chunker = strings ? 3 : 1;
     writer = strings ? 6 : 1;
     own = DictionaryAttributes(column, target, code);
+  }
+  if (column.levels) {
+    chunker = column.dictionary ? 7 : 6;
+    writer = column.dictionary ? 4 : 2;
+    own = LevelAttributes(column, target);
   }
   if (!column.from.empty()) {
     // A generated column reads its source's files back: fixed-width values by their type

@@ -58,7 +58,12 @@ struct TargetInfo {
   int64_t heap_size = 0;       // strings: heap bytes kept (0 for a new or empty column)
   int tail_width = 1;          // strings: the offset width of the kept tail
   SourceInfo source = {};      // "from" columns only
-  DictInfo dict = {};          // dictionary-coded columns only
+  DictInfo dict = {};          // dictionary-coded columns only; for a time-level dictionary
+                               // key_file is its level-number file and code_file its ordinals
+  // Time-level columns: the tails of the five row levels and of the dictionary's five
+  // levels (level number, year, quarter, month, day), empty where the column has none.
+  std::vector<std::string> level_files = {};
+  std::vector<std::string> dict_level_files = {};
 };
 
 // Refuse raw attributes 5 and 38 that differ from what the tool registers for `target`

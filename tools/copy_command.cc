@@ -16,6 +16,7 @@
 #include "tools/dict_target.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
+#include "tools/level_target.h"
 #include "tools/session.h"
 
 namespace qopci {
@@ -26,18 +27,20 @@ const char* Action(const TargetColumn& t) {
   return t.created ? "created" : t.replaced != 0 ? "replaced" : "appended";
 }
 
-// Entries of a dictionary column's committed dictionary.
+// Entries of a dictionary column's committed dictionary (the distinct hours of a time-level
+// one).
 uint64_t DictionarySize(const Manifest& manifest, const ManifestColumn& c) {
-  const bat keys = CVDbat_lookup(DictKeysName(TargetName(manifest, c)).c_str());
+  const std::string name = TargetName(manifest, c);
+  const bat keys = CVDbat_lookup((c.levels ? DictLevelName(name, 0) : DictKeysName(name)).c_str());
   const BAT* b = keys != 0 ? BBPgetdesc(keys) : nullptr;
   return b != nullptr ? b->batCount : 0;
 }
 
-// The summary's type: "int", or "string dictionary[3]" with the dictionary's size, and
-// "in memory" when a store was asked for and could not be used.
+// The summary's type: "int", "timestamp levels", or "string dictionary[3]" with the
+// dictionary's size, and "in memory" when a store was asked for and could not be used.
 std::string SummaryType(const Manifest& manifest, const TargetColumn& t) {
   const ManifestColumn& c = manifest.columns[t.manifest_index];
-  if (!c.dictionary) return EncodingName(c);
+  if (!c.dictionary) return ColumnTypeName(c);
   std::string type = ColumnTypeName(c) + "[" + std::to_string(DictionarySize(manifest, c)) + "]";
   if (c.store) type += t.store_note.empty() ? " leveldb" : " in memory";
   return type;

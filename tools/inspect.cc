@@ -7,6 +7,7 @@
 #include "corvid/farm.h"
 #include "tools/closest.h"
 #include "tools/kernel_io.h"
+#include "tools/level_target.h"
 #include "tools/row_view.h"
 
 namespace qopci {
@@ -50,12 +51,12 @@ std::string FormatDecimal(const BAT& b, const void* v, int scale) {
   return x < 0 ? "-" + digits : digits;
 }
 
-Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit) {
+Status PrintValues(std::ostream& out, const FarmColumn& c, uint64_t limit, bool dates = false) {
   BAT* b = nullptr;
   Status s = LoadShown(c, &b);
   if (!s.ok()) return s;
   {
-    ValueFormatter format(c.id, b);
+    ValueFormatter format(c.id, b, dates);
     out << c.name << ":";
     BUN n = b->batCount < limit ? b->batCount : limit;
     std::string text;
@@ -121,9 +122,18 @@ std::vector<FarmColumn> FarmColumns() {
     const BAT* b = BBPgetdesc(i);
     const char* name = CVDbat_name(i);
     if (b == nullptr || !b->batPersistent || name == nullptr) continue;
-    const std::string owner = DictOwner(name);
+    const std::string owner = CompanionOwner(name);
     if (!owner.empty() && CVDbat_lookup(owner.c_str()) != 0) continue;  // shown with its owner
     FarmColumn c{i, name};
+    if (HasLevels(i)) {
+      // Missing level BATs are shown as missing: the listing still shows the timestamps.
+      for (int k = 0; k < kLevelCount; ++k)
+        c.levels.push_back(CVDbat_lookup(RowLevelName(name, k).c_str()));
+      if (std::count(c.levels.begin(), c.levels.end(), 0) > 0) c.levels.clear();
+      c.level_dict = CVDbat_lookup(DictLevelName(name, 0).c_str());
+      list.push_back(c);
+      continue;
+    }
     c.keys = CVDbat_lookup(DictKeysName(name).c_str());
     c.key_codes = CVDbat_lookup(DictCodesName(name).c_str());
     if (c.keys == 0 || c.key_codes == 0) c.keys = c.key_codes = 0;
@@ -165,7 +175,8 @@ bool NameMatches(const std::string& name, const std::string& wanted) {
   return dot != std::string::npos && name.compare(dot + 1, std::string::npos, wanted) == 0;
 }
 
-ValueFormatter::ValueFormatter(bat id, BAT* b) : b_(b), scale_(DecimalScale(id, *b)) {}
+ValueFormatter::ValueFormatter(bat id, BAT* b, bool dates)
+    : b_(b), scale_(DecimalScale(id, *b)), dates_(dates) {}
 
 ValueFormatter::~ValueFormatter() { GDKfree(buf_); }
 
@@ -188,6 +199,9 @@ Status ValueFormatter::Format(BUN row, std::string* text, bool* nil) {
       // The kernel always prints milliseconds; they were given only when they are not zero.
       if (timestamp() && text->size() > 4 && text->compare(text->size() - 4, 4, ".000") == 0)
         text->resize(text->size() - 4);
+      if (dates_ && timestamp() && text->size() > 9 &&
+          text->compare(text->size() - 9, 9, " 00:00:00") == 0)
+        text->resize(text->size() - 9);
       return Status::OK();
     }
   }
@@ -234,6 +248,13 @@ Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uin
     if (c.keys != 0)
       out << "  dictionary: " << BBPgetdesc(c.keys)->batCount << " entries ("
           << DictKeysName(c.name) << ", " << DictCodesName(c.name) << ")";
+    if (!c.levels.empty()) {
+      out << "  levels: " << RowLevelName(c.name, 0);
+      for (int k = 1; k < kLevelCount; ++k) out << ", ." << kLevelWords[k];
+    }
+    if (c.level_dict != 0)
+      out << "; dictionary: " << BBPgetdesc(c.level_dict)->batCount << " entries ("
+          << DictLevelName(c.name, 0) << ", ...)";
     out << "\n";
   }
   if (shown.empty()) out << "(no columns)\n";
@@ -241,6 +262,8 @@ Status PrintFarm(std::ostream& out, const std::vector<std::string>& columns, uin
   out << "\n";
   for (const FarmColumn& c : shown) {
     Status s = PrintValues(out, c, limit);
+    for (size_t k = 0; s.ok() && k < c.levels.size(); ++k)
+      s = PrintValues(out, {c.levels[k], RowLevelName(c.name, static_cast<int>(k))}, limit, k > 0);
     if (!s.ok()) return s;
   }
   return Status::OK();

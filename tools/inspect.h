@@ -28,15 +28,20 @@ std::string FlagWords(const BAT& b);
 // A persistent column of the open farm: its BAT id and its name ("trades.price").
 // A dictionary-coded column is shown by its name and decoded: keys and key_codes are its
 // dictionary's BATs ("<name>.dict", "<name>.dict_codes"), 0 for any other column.
+// A time-level column is shown with its levels: `levels` holds its five row-level BATs
+// (level_target.h), and `level_dict` its dictionary's level numbers (0 without one).
 struct FarmColumn {
   bat id = 0;
   std::string name;
   bat keys = 0;
   bat key_codes = 0;
+  std::vector<bat> levels = {};
+  bat level_dict = 0;
 };
 
 // Every persistent column of the open farm, in the order they were made (BAT id order). The
-// two dictionary BATs of a dictionary-coded column are part of it, not columns of their own.
+// two dictionary BATs of a dictionary-coded column, and the level BATs of a time-level
+// column, are part of it, not columns of their own.
 std::vector<FarmColumn> FarmColumns();
 
 // Whether a column named `name` ("trades.price") is the one a user means by `wanted`
@@ -47,7 +52,9 @@ bool NameMatches(const std::string& name, const std::string& wanted);
 class ValueFormatter {
  public:
   // `b` is the loaded descriptor of persistent BAT `id`; it must outlive the formatter.
-  ValueFormatter(bat id, BAT* b);
+  // With `dates`, a timestamp at midnight is printed as its date ("2013-04-01"), as the
+  // period starts of a time-level column are.
+  ValueFormatter(bat id, BAT* b, bool dates = false);
   ~ValueFormatter();
   ValueFormatter(const ValueFormatter&) = delete;
   ValueFormatter& operator=(const ValueFormatter&) = delete;
@@ -64,6 +71,7 @@ class ValueFormatter {
  private:
   BAT* b_;
   int scale_;            // a decimal's scale, or -1 for any other column
+  bool dates_;           // midnight timestamps as dates
   char* buf_ = nullptr;  // ATOMformat's buffer, grown as needed
   size_t len_ = 0;
 };

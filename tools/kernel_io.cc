@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include "tools/closest.h"
 #include "tools/dict_target.h"
 #include "tools/error_text.h"
+#include "tools/level_target.h"
 
 namespace qopci {
 
@@ -243,6 +245,32 @@ Status FindSource(const Manifest& manifest, const ManifestColumn& column, Source
   return s;
 }
 
+// The kernel can replace a BAT but not drop one: a column written over another of a form
+// with more BATs (a dictionary, time levels) would leave the BATs the new form does not
+// have behind as columns of their own. Refused until the kernel can drop them with it.
+Status CheckNothingLeftBehind(const std::string& name, const ManifestColumn& c, bat existing) {
+  std::vector<std::string> kept = CompanionNames(c, name), all;
+  if (c.dictionary && !c.levels) kept = {DictKeysName(name), DictCodesName(name)};
+  all = {DictKeysName(name), DictCodesName(name)};
+  for (int k = 0; k < kLevelCount; ++k) {
+    all.push_back(RowLevelName(name, k));
+    all.push_back(DictLevelName(name, k));
+  }
+  for (const std::string& n : all) {
+    if (std::find(kept.begin(), kept.end(), n) != kept.end() || CVDbat_lookup(n.c_str()) == 0)
+      continue;
+    if (!c.dictionary && n == DictKeysName(name))
+      return Status::Error("column " + name +
+                           " is dictionary-coded; replacing it by a plain column would leave "
+                           "its dictionary " +
+                           n + " behind: keep \"encoding\": \"dictionary\" or use a new column");
+    return Status::Error("column " + name + " is " + SqlTypeOf(existing) + "; replacing it by a " +
+                         ColumnTypeName(c) + " column would leave its " + n +
+                         " behind: keep its type or use a new column");
+  }
+  return Status::OK();
+}
+
 }  // namespace
 
 Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) {
@@ -269,17 +297,14 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
       t.id = existing;
       t.info.existing_count = static_cast<int64_t>(BBPgetdesc(existing)->batCount);
       if (c.encoding == Encoding::kString && !c.dictionary) s = KeptHeap(existing, &t.info);
-      if (s.ok() && c.dictionary) s = FindDictionary(name, &t);
+      if (s.ok() && c.dictionary && !c.levels) s = FindDictionary(name, &t);
+      if (s.ok() && c.levels) s = FindLevels(c, name, &t);
       if (!s.ok()) return s;
     } else {
-      // The kernel can replace a BAT but not drop one: a plain column written over a
-      // dictionary column would leave the dictionary's two BATs behind as columns of their
-      // own. Refused until it can drop them with the column.
-      if (existing != 0 && !c.dictionary && CVDbat_lookup(DictKeysName(name).c_str()) != 0)
-        return Status::Error("column " + name +
-                             " is dictionary-coded; replacing it by a plain column would leave "
-                             "its dictionary " + DictKeysName(name) +
-                             " behind: keep \"encoding\": \"dictionary\" or use a new column");
+      if (existing != 0) {
+        Status s = CheckNothingLeftBehind(name, c, existing);
+        if (!s.ok()) return s;
+      }
       t.replaced = existing;
     }
     Status s = CheckTargetOverrides(name, c, t.info);
@@ -298,7 +323,8 @@ Status PrepareTargets(const Manifest& manifest, std::vector<TargetColumn>* out) 
     s = FromKernel(CVDbat_set_sqltype(t.id, ColumnTypeName(c).c_str()));
     if (s.ok()) s = TailFile(t.id, &t.info.tail_file);
     if (s.ok() && c.encoding == Encoding::kString && !c.dictionary) s = KeptHeap(t.id, &t.info);
-    if (s.ok() && c.dictionary) s = MakeDictionary(c, name, &t);
+    if (s.ok() && c.dictionary && !c.levels) s = MakeDictionary(c, name, &t);
+    if (s.ok() && c.levels) s = MakeLevels(c, name, &t);
     if (!s.ok()) return Status::Error("column " + name + ": " + s.message());
   }
   return Status::OK();

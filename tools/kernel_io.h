@@ -78,6 +78,9 @@ struct TargetColumn {
   bat dict_keys = 0, dict_codes = 0;
   bat dict_keys_replaced = 0, dict_codes_replaced = 0;
   std::string store_note;  // why a store asked for is not used ("" when it is, or none)
+  // Time-level columns: the BATs kept beside `id` (CompanionNames() order) that the export
+  // writes, and the committed ones they replace (0 where there is none).
+  std::vector<bat> companions, companions_replaced;
 };
 
 // Find, check and then make the target of every manifest column, in manifest order. An

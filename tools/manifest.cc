@@ -146,8 +146,8 @@ Status ParseType(const std::string& raw, ManifestColumn* column) {
 
 // Keys a manifest may hold, at the top and in a column; any other is kept out with a warning.
 const std::vector<std::string> kTopKeys = {"table", "chunk_size", "queued", "columns", "ignore"};
-const std::vector<std::string> kColumnKeys = {"name",       "type",     "mode",  "attributes",
-                                              "from",       "encoding", "store", "store_dir"};
+const std::vector<std::string> kColumnKeys = {
+    "name", "type", "mode", "attributes", "from", "encoding", "store", "store_dir", "levels"};
 
 // "encoding", "store" and "store_dir": how the column is stored.
 Status ParseEncoding(const json& j, ManifestColumn* column) {
@@ -160,7 +160,18 @@ Status ParseEncoding(const json& j, ManifestColumn* column) {
                            " (known: plain, dictionary)");
     column->dictionary = text == "dictionary";
   }
-  if (column->dictionary) {
+  if (j.contains("levels")) {
+    const json& l = j["levels"];
+    if (!l.is_boolean()) return Status::Error(where + "\"levels\" must be true or false");
+    column->levels = l.get<bool>();
+    if (column->levels && column->encoding != Encoding::kTimestamp)
+      return Status::Error(where + "\"levels\" is for timestamp columns, not " +
+                           EncodingName(*column));
+  }
+  if (column->dictionary && column->encoding == Encoding::kTimestamp && !column->levels)
+    return Status::Error(where + "\"encoding\": \"dictionary\" on a timestamp column needs " +
+                         "\"levels\": true (its dictionary holds the distinct hours)");
+  if (column->dictionary && !column->levels) {
     switch (column->encoding) {
       case Encoding::kTinyint:
       case Encoding::kSmallint:
@@ -270,6 +281,9 @@ Status ParseColumn(const json& j, size_t index, ManifestColumn* column,
     if (column->dictionary)
       return Status::Error(ColumnPrefix(column->name) +
                            "a dictionary-coded column cannot copy another column (\"from\")");
+    if (column->levels)
+      return Status::Error(ColumnPrefix(column->name) +
+                           "a time-level column cannot copy another column (\"from\")");
     column->from = text;
   }
   if (j.contains("attributes")) return ParseOverrides(j["attributes"], column);
@@ -397,7 +411,8 @@ std::string EncodingName(const ManifestColumn& column) {
 }
 
 std::string ColumnTypeName(const ManifestColumn& column) {
-  return EncodingName(column) + (column.dictionary ? " dictionary" : "");
+  return EncodingName(column) + (column.levels ? " levels" : "") +
+         (column.dictionary ? " dictionary" : "");
 }
 
 int DecimalWidth(int precision) {

@@ -69,6 +69,12 @@ struct ManifestColumn {
   // persistent store, in store_dir ("store_dir"), or inside the farm when that is empty.
   bool store = false;
   std::string store_dir;
+  // "levels": true (timestamp columns only): stored with five derived streams per row, so
+  // that a query groups by year, quarter, month, day or hour without computing them:
+  // "<t>.<c>.level" (yyyymmddhh, int) and "<t>.<c>.year", ".quarter", ".month", ".day" (the
+  // period's first day at midnight). With `dictionary` the column also keeps a dictionary
+  // of the distinct hours (kernel_io.h names its BATs).
+  bool levels = false;
 };
 
 // Whether the result carries this column's values (rowid and "from" columns are made by the
@@ -104,7 +110,8 @@ Status LoadManifest(const std::string& path, Manifest* out);
 std::string EncodingName(const ManifestColumn& column);
 
 // The type a column is known by, recorded with its target and shown in summaries:
-// EncodingName(), followed by " dictionary" for a dictionary-coded column ("int dictionary").
+// EncodingName(), followed by " levels" for a time-level column and " dictionary" for a
+// dictionary-coded one ("int dictionary", "timestamp levels dictionary").
 std::string ColumnTypeName(const ManifestColumn& column);
 
 // The SQL type name a result column of this encoding carries ("int", "decimal", ...).

@@ -7,6 +7,7 @@
 #include "tools/closest.h"
 #include "tools/inspect.h"
 #include "tools/kernel_io.h"
+#include "tools/level_target.h"
 
 namespace qopci {
 
@@ -111,6 +112,7 @@ struct Loaded {
   FarmColumn column;
   BAT* b;
   std::unique_ptr<ValueFormatter> format;
+  int64_t dict_entries = -1;  // a time-level dictionary's size, -1 for other columns
 };
 
 Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& cols) {
@@ -148,7 +150,11 @@ Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& co
     for (size_t k = 0; k < cols.size(); ++k)
       line += std::string(k == 0 ? "" : ", ") +
               "{\"name\": " + JsonString(ShortName(cols[k].column.name)) +
-              ", \"type\": " + JsonString(SqlTypeOf(cols[k].column.id)) + "}";
+              ", \"type\": " + JsonString(SqlTypeOf(cols[k].column.id)) +
+              (cols[k].dict_entries >= 0
+                   ? ", \"dictionary_entries\": " + std::to_string(cols[k].dict_entries)
+                   : std::string()) +
+              "}";
     line += "], \"count\": " + std::to_string(count) + ", \"rows\": [";
   } else {
     for (size_t k = 0; k < cols.size(); ++k) {
@@ -178,6 +184,10 @@ Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& co
   out << "\n";
   if (o.format == RowFormat::kTable && n < count)
     out << "(" << n << " of " << count << " rows; --all prints every row)\n";
+  for (const Loaded& c : cols)
+    if (o.format == RowFormat::kTable && c.dict_entries >= 0)
+      out << "(" << ShortName(c.column.name) << ": dictionary of " << c.dict_entries
+          << " entries, one per distinct hour)\n";
   return Status::OK();
 }
 
@@ -260,18 +270,25 @@ Status PrintRows(std::ostream& out, const RowViewOptions& options) {
   Status s = ChooseColumns(options, &chosen);
   if (!s.ok()) return s;
   std::vector<Loaded> cols;
-  for (const FarmColumn& c : chosen) {
+  // One printed column: a chosen column, or one of the levels shown beside its timestamps.
+  auto add = [&cols](const FarmColumn& c, bool dates) {
     BAT* b = nullptr;
-    s = LoadShown(c, &b);
+    Status loaded = LoadShown(c, &b);
+    if (!loaded.ok()) return loaded;
+    cols.push_back({c, b, std::make_unique<ValueFormatter>(c.id, b, dates)});
+    if (b->batCount == cols[0].b->batCount) return Status::OK();
+    return Status::Error("columns " + cols[0].column.name + " (" +
+                         std::to_string(cols[0].b->batCount) + " rows) and " + c.name + " (" +
+                         std::to_string(b->batCount) +
+                         " rows) differ in length: choose columns of one length with --column");
+  };
+  for (const FarmColumn& c : chosen) {
+    s = add(c, false);
+    if (s.ok() && c.level_dict != 0)
+      cols.back().dict_entries = static_cast<int64_t>(BBPgetdesc(c.level_dict)->batCount);
+    for (size_t k = 0; s.ok() && k < c.levels.size(); ++k)
+      s = add({c.levels[k], RowLevelName(c.name, static_cast<int>(k))}, k > 0);
     if (!s.ok()) break;
-    cols.push_back({c, b, std::make_unique<ValueFormatter>(c.id, b)});
-    if (b->batCount != cols[0].b->batCount) {
-      s = Status::Error("columns " + cols[0].column.name + " (" +
-                        std::to_string(cols[0].b->batCount) + " rows) and " + c.name + " (" +
-                        std::to_string(b->batCount) +
-                        " rows) differ in length: choose columns of one length with --column");
-      break;
-    }
   }
   if (s.ok()) s = Print(out, options, cols);
   for (Loaded& c : cols) {

@@ -1,7 +1,8 @@
 // qopci verify: checks a committed farm without changing it (the kernel's CVDfarm_verify) and
 // prints one line per fault, then a summary. A farm the kernel finds sound is then checked
-// for row codes of dictionary columns that their dictionary does not hold. A farm whose catalog cannot be read is one fault,
-// reported as the error.
+// for row codes of dictionary columns that their dictionary does not hold, and for levels of
+// time-level columns that do not agree with their timestamps. A farm whose catalog cannot be
+// read is one fault, reported as the error.
 //
 // Threading: opens and closes the process's one farm: call from the thread that uses it, with
 // no farm open.
