@@ -55,6 +55,9 @@ std::string LevelText(int type, int64_t v) {
   size_t len = 0;
   std::string text = ATOMformat(type, &v, &buf, &len) >= 0 ? buf : "?";
   GDKfree(buf);
+  // Milliseconds only when they are not zero, as inspect prints them.
+  if (text.size() > 4 && text.compare(text.size() - 4, 4, ".000") == 0)
+    text.resize(text.size() - 4);
   return text;
 }
 
@@ -125,7 +128,7 @@ std::string CheckColumn(const std::string& name, const BAT* main, const std::vec
     hours.insert(At(keys, e));
   }
   for (BUN i = 0; i < main->batCount; ++i)
-    if (hours.count(At(comp[0], i)) == 0)
+    if (At(comp[0], i) != int_nil && hours.count(At(comp[0], i)) == 0)
       return "row " + std::to_string(i) + " of column " + name + " is in hour " +
              ValueText(comp[0], i) + ", which its dictionary does not hold";
   return "";

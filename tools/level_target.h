@@ -67,7 +67,8 @@ Status MakeLevels(const ManifestColumn& column, const std::string& name, TargetC
 
 // Checks every time-level column of the open farm: its companions hold matching counts, each
 // row's levels are those of its timestamp, and in the dictionary form every entry's levels
-// agree with its level number, the ordinals run 1, 2, ... and every row's hour is an entry.
+// agree with its level number, the ordinals run 1, 2, ... and every row's hour (nil rows
+// aside) is an entry.
 // Prints one line per column that fails ("t.c: ...") and returns how many failed.
 // REQUIRES: a farm is open and the kernel found its files sound.
 int CheckLevelColumns(std::ostream& out);
