@@ -115,7 +115,8 @@ int CodeAtomType(const ManifestColumn& column) {
 }
 
 int TargetAtomType(const ManifestColumn& column) {
-  return column.dictionary ? CodeAtomType(column) : PlainAtomType(column);
+  // A time-level dictionary keeps its rows' timestamps in the column itself.
+  return column.dictionary && !column.levels ? CodeAtomType(column) : PlainAtomType(column);
 }
 
 int ResultAtomType(const ManifestColumn& column) {

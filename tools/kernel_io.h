@@ -43,7 +43,8 @@ Status FromKernel(char* exception);
 // the kernel does not know it. A decimal's target holds the integer type of its storage
 // width (bte, sht, int or lng); its result BAT holds lng (ResultAtomType).
 // A dictionary-coded column's target holds its codes (CodeAtomType: bte for tinyint, sht
-// for smallint, int for the others), its dictionary the keys (KeyAtomType, the type's own).
+// for smallint, int for the others), its dictionary the keys (KeyAtomType, the type's own);
+// a time-level column's target holds its timestamps in either form.
 int TargetAtomType(const ManifestColumn& column);
 int ResultAtomType(const ManifestColumn& column);
 int KeyAtomType(const ManifestColumn& column);
