@@ -424,6 +424,11 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
   job.chunker->AddToList(descriptions);
   const std::list<BATWriter*> writers = FileWriters(job.writer);
   job.writer->Close();
+  // A writer set's Close need not close every file: a time-levels writer closes only its
+  // own tail and leaves its four members open until they are destroyed. The host reads each
+  // file's size below, so every file is closed (and cut to what was written) here; Close of
+  // a closed file does nothing.
+  for (BATWriter* w : writers) w->Close();
   if (descriptions.size() != writers.size()) {
     Report("UpdateBBPWithGo", "Number of chunkers doesn't equal to writers");
     return;
@@ -448,14 +453,24 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
                    "size %d of type %s", d->ElementSize(), width, ATOMname(b->ttype));
       break;
     }
-    saved_.push_back({idx, *b, b->tvheap != nullptr ? b->tvheap->free : 0,
-                      b->tvheap != nullptr ? b->tvheap->size : 0});
     const bool appends = w->GetTailKeepExisting();
     const BUN base = appends ? b->batCount : 0;
+    const BUN rows = base + d->GetValueCount();
+    // A write whose failure does not fail its chunk (a levels writer's own tail) leaves a
+    // file shorter than its rows: refuse it rather than describe rows that are not there.
+    const uint64_t need = static_cast<uint64_t>(rows) * w->GetValueWidth();
+    if (w->GetTailSize() < need) {
+      ReportDetail("UpdateBBPWithGo", "File %s holds %llu bytes, fewer than its %llu rows need",
+                   w->GetFileName(), static_cast<unsigned long long>(w->GetTailSize()),
+                   static_cast<unsigned long long>(rows));
+      break;
+    }
+    saved_.push_back({idx, *b, b->tvheap != nullptr ? b->tvheap->free : 0,
+                      b->tvheap != nullptr ? b->tvheap->size : 0});
     // The chunker saw the target's last value first, so its flag covers the join; the
     // rows before it are sorted only if the BAT said so.
     const bool sorted = d->IsSorted() && (base == 0 || b->tsorted);
-    DescribeWrittenBAT(b, w, base + d->GetValueCount(), sorted);
+    DescribeWrittenBAT(b, w, rows, sorted);
     RefreshColumn(idx);
     job.rewritten.push_back(idx);
   }
