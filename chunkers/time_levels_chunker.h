@@ -22,12 +22,23 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 
 #include "chunkers/bat_chunk.h"
 #include "chunkers/simple_type_chunker.h"
 #include "chunkers/timestamp_chunker.h"
 
 namespace qopci {
+
+// A TimestampChunker that also takes whole runs, for the level and timestamp streams.
+class TimestampStream : public TimestampChunker {
+ public:
+  using TimestampChunker::TimestampChunker;
+  // Stores k copies of v, v[0..k) respectively, exactly as k InsertVal calls would.
+  // REQUIRES: the chunk has room for k more values.
+  void AppendConstant(int64_t v, size_t k);
+  void AppendRun(const int64_t* v, size_t k);
+};
 
 // Its own stream (chunk, statistics, IsChunkFull) is the level number; it owns the four
 // start-of-period streams, which fill in step with it.
@@ -72,10 +83,10 @@ class TesselTimeLevelsChunker : public SimpleTypeChunker<int> {
   };
   const DayCache& Lookup(int32_t days);
 
-  TimestampChunker year_;
-  TimestampChunker quarter_;
-  TimestampChunker month_;
-  TimestampChunker day_;
+  TimestampStream year_;
+  TimestampStream quarter_;
+  TimestampStream month_;
+  TimestampStream day_;
   DayCache cache_;
 };
 
@@ -123,8 +134,9 @@ class TesselTimestampChunker : public Chunker<int64_t> {
  private:
   void UpdateExtremes(int64_t t);
 
-  TimestampChunker stamps_;
+  TimestampStream stamps_;
   TesselTimeLevelsChunker levels_;
+  std::unique_ptr<int64_t[]> scratch_;  // chunk-size values read by InsertRun
   int64_t min_ = 0;
   int64_t max_ = 0;
   bool first_extreme_ = true;  // no minimum and maximum yet
