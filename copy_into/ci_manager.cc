@@ -35,6 +35,18 @@ std::list<BATWriter*> FileWriters(BATWriter* set) {
   return all;
 }
 
+// The chunker's per-file descriptions, in the order they pair with FileWriters(set). A
+// dictionary chunker lists the dictionary's files before the row part's; a dictionary
+// writer without a row part (an empty row file name) writes only the former, so the row
+// part's descriptions are left out and the dictionary's pair with its files.
+std::list<ChunkerBase*> Descriptions(ChunkerBase* chunker, BATWriter* set, size_t files) {
+  std::list<ChunkerBase*> list;
+  chunker->AddToList(list);
+  auto* dict = dynamic_cast<DictBATWriter*>(set);
+  if (dict != nullptr && dict->member(2) == nullptr && list.size() > files) list.resize(files);
+  return list;
+}
+
 }  // namespace
 
 // ---- ValSizePair ----------------------------------------------------------------------
@@ -300,7 +312,7 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
       const std::list<BATWriter*> files = FileWriters(writer);
       // The per-file chunkers pair with the files in step, as UpdateBBPWithGo pairs them.
       std::list<ChunkerBase*> descriptions;
-      if (chunker != nullptr) chunker->AddToList(descriptions);
+      if (chunker != nullptr) descriptions = Descriptions(chunker, writer, files.size());
       auto desc = descriptions.size() == files.size() ? descriptions.begin() : descriptions.end();
       for (BATWriter* w : files) {
         if (error_ != nullptr) break;
@@ -420,9 +432,9 @@ void CIManager::RestoreDescriptors() {
 void CIManager::UpdateBBPWithGo(ColumnJob& job) {
   if (error_ != nullptr || job.chunker == nullptr || job.writer == nullptr) return;
   column_name_ = job.name;
-  std::list<ChunkerBase*> descriptions;
-  job.chunker->AddToList(descriptions);
   const std::list<BATWriter*> writers = FileWriters(job.writer);
+  const std::list<ChunkerBase*> descriptions =
+      Descriptions(job.chunker, job.writer, writers.size());
   job.writer->Close();
   // A writer set's Close need not close every file: a time-levels writer closes only its
   // own tail and leaves its four members open until they are destroyed. The host reads each
