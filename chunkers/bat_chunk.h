@@ -116,13 +116,18 @@ class StringChunk : public BATChunk {
   std::unique_ptr<char[]> heap_bytes_;  // owns heap_ when adopted
 };
 
-// The three files of a timestamp column split into levels. Members are not owned.
+// A timestamp column with its levels: the timestamps, the dictionary's ordinals (null when
+// the column has no dictionary) and the levels. Members are not owned.
 class TesselTimestampChunk : public BATChunk {
  public:
+  // REQUIRES: a and c are not null.
   TesselTimestampChunk(BATChunk* a, BATChunk* b, BATChunk* c)
       : BATChunk(a->GetCapacity()), members_{a, b, c} {}
   int GetPartCount() const override {
-    return members_[0]->GetPartCount() + members_[1]->GetPartCount() + members_[2]->GetPartCount();
+    int n = 0;
+    for (BATChunk* m : members_)
+      if (m != nullptr) n += m->GetPartCount();
+    return n;
   }
   bool IsFull() const override { return members_[0]->IsFull(); }
 

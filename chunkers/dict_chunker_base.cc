@@ -42,6 +42,18 @@ void Release(TrackedReader<T>* reader, bool gone) {
 
 }  // namespace
 
+template <typename K, typename C>
+bool LoadDictionaryFrom(HashBase<K, C>& dictionary, BATReader<K>* keys, BATReader<C>* codes,
+                        TextLog* report) {
+  bool key_gone = false, code_gone = false;
+  auto* tracked_keys = new TrackedReader<K>(keys, &key_gone);
+  auto* tracked_codes = new TrackedReader<C>(codes, &code_gone);
+  const bool ok = dictionary.LoadFromReaders(tracked_keys, tracked_codes, report);
+  Release(tracked_keys, key_gone);
+  Release(tracked_codes, code_gone);
+  return ok;
+}
+
 template <typename K, typename C, typename RC>
 DictChunkerBaseBase<K, C, RC>::DictChunkerBaseBase(int32_t chunk_size, bool nil_as_key,
                                                    std::unique_ptr<HashBase<K, C>> dictionary,
@@ -99,12 +111,8 @@ bool DictChunkerBaseBase<K, C, RC>::LoadDictionary(const char* key_file, const c
     TextLogAppend(report, "DictChunker::LoadDictionary", "no key file or code file given.");
     ok = false;
   } else {
-    bool key_gone = false, code_gone = false;
-    auto* keys = new TrackedReader<K>(MakeKeyReader(key_file, heap_file, entry_count), &key_gone);
-    auto* codes = new TrackedReader<C>(MakeCodeReader(code_file, entry_count), &code_gone);
-    ok = dictionary_->LoadFromReaders(keys, codes, report);
-    Release(keys, key_gone);
-    Release(codes, code_gone);
+    ok = LoadDictionaryFrom(*dictionary_, MakeKeyReader(key_file, heap_file, entry_count),
+                            MakeCodeReader(code_file, entry_count), report);
   }
   if (report != nullptr && report->buffer != nullptr)
     last_report_.assign(report->buffer + start, report->length - start);
@@ -177,6 +185,8 @@ bool DictChunkerBase<K, C, RC>::InsertNil() {
   return InsertVal(*this->GetNilValue());
 }
 
+template bool LoadDictionaryFrom(HashBase<int, int>&, BATReader<int>*, BATReader<int>*,
+                                 TextLog*);
 template class DictChunkerBaseBase<char, char, char>;
 template class DictChunkerBaseBase<short, short, short>;
 template class DictChunkerBaseBase<int, int, int>;

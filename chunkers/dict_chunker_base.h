@@ -27,6 +27,12 @@
 
 namespace qopci {
 
+// Fills dictionary from an existing column's key and code readers, logging to report.
+// Takes ownership of both readers, whatever the load does with them.
+template <typename K, typename C>
+bool LoadDictionaryFrom(HashBase<K, C>& dictionary, BATReader<K>* keys, BATReader<C>* codes,
+                        TextLog* report);
+
 template <typename K>
 class DictChunkerInterface : public Chunker<K> {
  public:

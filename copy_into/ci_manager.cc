@@ -35,6 +35,18 @@ std::list<BATWriter*> FileWriters(BATWriter* set) {
   return all;
 }
 
+// The chunker's per-file descriptions, in the order they pair with FileWriters(set). A
+// dictionary chunker lists the dictionary's files before the row part's; a dictionary
+// writer without a row part (an empty row file name) writes only the former, so the row
+// part's descriptions are left out and the dictionary's pair with its files.
+std::list<ChunkerBase*> Descriptions(ChunkerBase* chunker, BATWriter* set, size_t files) {
+  std::list<ChunkerBase*> list;
+  chunker->AddToList(list);
+  auto* dict = dynamic_cast<DictBATWriter*>(set);
+  if (dict != nullptr && dict->member(2) == nullptr && list.size() > files) list.resize(files);
+  return list;
+}
+
 }  // namespace
 
 // ---- ValSizePair ----------------------------------------------------------------------
@@ -300,7 +312,7 @@ void CIManager::CopyIntoOneColumn(res_col* column, BAT* order, ColumnEntry& entr
       const std::list<BATWriter*> files = FileWriters(writer);
       // The per-file chunkers pair with the files in step, as UpdateBBPWithGo pairs them.
       std::list<ChunkerBase*> descriptions;
-      if (chunker != nullptr) chunker->AddToList(descriptions);
+      if (chunker != nullptr) descriptions = Descriptions(chunker, writer, files.size());
       auto desc = descriptions.size() == files.size() ? descriptions.begin() : descriptions.end();
       for (BATWriter* w : files) {
         if (error_ != nullptr) break;
@@ -420,10 +432,15 @@ void CIManager::RestoreDescriptors() {
 void CIManager::UpdateBBPWithGo(ColumnJob& job) {
   if (error_ != nullptr || job.chunker == nullptr || job.writer == nullptr) return;
   column_name_ = job.name;
-  std::list<ChunkerBase*> descriptions;
-  job.chunker->AddToList(descriptions);
   const std::list<BATWriter*> writers = FileWriters(job.writer);
+  const std::list<ChunkerBase*> descriptions =
+      Descriptions(job.chunker, job.writer, writers.size());
   job.writer->Close();
+  // A writer set's Close need not close every file: a time-levels writer closes only its
+  // own tail and leaves its four members open until they are destroyed. The host reads each
+  // file's size below, so every file is closed (and cut to what was written) here; Close of
+  // a closed file does nothing.
+  for (BATWriter* w : writers) w->Close();
   if (descriptions.size() != writers.size()) {
     Report("UpdateBBPWithGo", "Number of chunkers doesn't equal to writers");
     return;
@@ -448,14 +465,24 @@ void CIManager::UpdateBBPWithGo(ColumnJob& job) {
                    "size %d of type %s", d->ElementSize(), width, ATOMname(b->ttype));
       break;
     }
-    saved_.push_back({idx, *b, b->tvheap != nullptr ? b->tvheap->free : 0,
-                      b->tvheap != nullptr ? b->tvheap->size : 0});
     const bool appends = w->GetTailKeepExisting();
     const BUN base = appends ? b->batCount : 0;
+    const BUN rows = base + d->GetValueCount();
+    // A write whose failure does not fail its chunk (a levels writer's own tail) leaves a
+    // file shorter than its rows: refuse it rather than describe rows that are not there.
+    const uint64_t need = static_cast<uint64_t>(rows) * w->GetValueWidth();
+    if (w->GetTailSize() < need) {
+      ReportDetail("UpdateBBPWithGo", "File %s holds %llu bytes, fewer than its %llu rows need",
+                   w->GetFileName(), static_cast<unsigned long long>(w->GetTailSize()),
+                   static_cast<unsigned long long>(rows));
+      break;
+    }
+    saved_.push_back({idx, *b, b->tvheap != nullptr ? b->tvheap->free : 0,
+                      b->tvheap != nullptr ? b->tvheap->size : 0});
     // The chunker saw the target's last value first, so its flag covers the join; the
     // rows before it are sorted only if the BAT said so.
     const bool sorted = d->IsSorted() && (base == 0 || b->tsorted);
-    DescribeWrittenBAT(b, w, base + d->GetValueCount(), sorted);
+    DescribeWrittenBAT(b, w, rows, sorted);
     RefreshColumn(idx);
     job.rewritten.push_back(idx);
   }

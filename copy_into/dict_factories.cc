@@ -12,28 +12,6 @@
 
 namespace qopci {
 
-namespace {
-
-// Dictionaries continue where the column's dictionary stopped: its entries are loaded from
-// the key, heap and key-code files, so that a value it holds keeps its code and new values
-// get the codes behind it. A load that fails is an error for the column: restarting from
-// code 1 would give other values codes the dictionary has handed out already.
-template <typename C>
-ChunkerBase* Reloaded(C* chunker, const char* keys, const char* heap, const char* codes,
-                      int64_t entries) {
-  std::unique_ptr<C> owned(chunker);
-  if (entries > 0 &&
-      !chunker->LoadDictionary(keys, heap, codes, static_cast<uint64_t>(entries))) {
-    static char text[4096];
-    std::snprintf(text, sizeof text, "Dictionary of %s cannot be loaded: %s", keys,
-                  chunker->LastLoadReport());
-    throw static_cast<const char*>(text);
-  }
-  return owned.release();
-}
-
-}  // namespace
-
 // Kind 1: a dictionary of fixed-width keys, by the simple type code in attribute 3.
 ChunkerBase* MakeSimpleTypeDictChunker(CIManager& m, CIManager::ColumnEntry& e) {
   int code, nil_as_key, chunk_size;

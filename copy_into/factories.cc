@@ -7,6 +7,7 @@
 
 #include "chunkers/decimal_chunker.h"
 #include "copy_into/dict_factories.h"
+#include "copy_into/level_factories.h"
 #include "chunkers/double_chunker.h"
 #include "chunkers/simple_type_chunker.h"
 #include "chunkers/string_chunker.h"
@@ -354,9 +355,13 @@ void FillFactoryTables() {
   g_chunkers[2] = MakeStringChunker;
   g_chunkers[3] = MakeStringDictChunker;
   g_chunkers[4] = MakeDecimalChunker;
+  g_chunkers[6] = MakeTimestampLevelsChunker;
+  g_chunkers[7] = MakeTimestampDictChunker;
   g_writers[0] = MakeSimpleTypeWriter;
   g_writers[1] = MakeSimpleTypeDictWriter;
+  g_writers[2] = MakeTimestampLevelsWriter;
   g_writers[3] = MakeLngWriter;
+  g_writers[4] = MakeTimestampDictWriter;
   g_writers[5] = MakeStringWriter;
   g_writers[6] = MakeStringDictWriter;
   g_writers[7] = MakeDecimalWriter;

@@ -4,6 +4,7 @@
 #define QOPCI_TESTS_E2E_E2E_FIXTURE_H_
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -22,6 +23,13 @@ namespace qopci_test {
 
 class FarmTest : public ::testing::Test {
  public:
+  FarmTest() = default;
+  // A farm on the memory file system (/dev/shm) when the machine has one: for tests that
+  // commit many times, whose file syncs would otherwise take most of their time.
+  struct InMemory {};
+  explicit FarmTest(InMemory)
+      : tmp_(access("/dev/shm", W_OK) == 0 ? "../dev/shm/qopci-e2e-" : "qopci-e2e-") {}
+
   void SetUp() override {
     ASSERT_FALSE(dir_.empty());
     Open(true);
