@@ -20,16 +20,9 @@ constexpr Attribute::Kind kInt = Attribute::kInt;
 constexpr Attribute::Kind kLng = Attribute::kLng;
 constexpr Attribute::Kind kStr = Attribute::kStr;
 
-// Numbers this version does not read belong to column classes it does not have. The tool
-// registers them as they are written (a string as str, a number as int when it fits in 32
-// bits, else lng), so their call here is not checked.
-constexpr AttributeSpec Unread(int number, const char* meaning) {
-  return {number, kInt, meaning, Any(), false};
-}
-
 constexpr std::array<AttributeSpec, kAttributeCount> kTable = {{
-    {0, kInt, "chunker kind", Span(0, 4), true},
-    {1, kInt, "writer kind", Codes(0, 1, 3, 5, 6, 7), true},
+    {0, kInt, "chunker kind", Codes(0, 1, 2, 3, 4, 6, 7), true},
+    {1, kInt, "writer kind", Span(0, 7), true},
     {2, kInt, "chunk size", Span(1, kMaxChunkSize), true},
     {3, kInt, "chunker type code", Span(0, 8), true},
     {4, kInt, "writer type code", Span(0, 8), true},
@@ -43,21 +36,21 @@ constexpr std::array<AttributeSpec, kAttributeCount> kTable = {{
     {12, kStr, "string chunker heap file", Any(), true},
     {13, kStr, "string dictionary store directory", Any(), true},
     {14, kInt, "string dictionary initial capacity", Span(1, 1 << 30), true},
-    Unread(15, "time-level writer option"),
-    Unread(16, "time-level writer option"),
-    Unread(17, "time-level writer option"),
-    Unread(18, "time-level writer option"),
-    Unread(19, "time-level writer option"),
+    {15, kStr, "level-number file", Any(), true},
+    {16, kStr, "year-start file", Any(), true},
+    {17, kStr, "quarter-start file", Any(), true},
+    {18, kStr, "month-start file", Any(), true},
+    {19, kStr, "day file", Any(), true},
     {20, kStr, "dictionary key file (written)", Any(), true},
     {21, kStr, "dictionary key-code file (written)", Any(), true},
     {22, kStr, "string writer heap file", Any(), true},
     {23, kInt, "string tail width", Codes(1, 2, 4, 8), true},
-    Unread(24, "time-level dictionary writer option"),
-    Unread(25, "time-level dictionary writer option"),
-    Unread(26, "time-level dictionary writer option"),
-    Unread(27, "time-level dictionary writer option"),
-    Unread(28, "time-level dictionary writer option"),
-    Unread(29, "time-level dictionary writer option"),
+    {24, kStr, "time-level dictionary key-code file", Any(), true},
+    {25, kStr, "time-level dictionary level-number file", Any(), true},
+    {26, kStr, "time-level dictionary year-start file", Any(), true},
+    {27, kStr, "time-level dictionary quarter-start file", Any(), true},
+    {28, kStr, "time-level dictionary month-start file", Any(), true},
+    {29, kStr, "time-level dictionary day file", Any(), true},
     {30, kStr, "dictionary key file (reloaded)", Any(), true},
     {31, kStr, "dictionary key heap (reloaded)", Any(), true},
     {32, kStr, "dictionary key-code file (reloaded)", Any(), true},
@@ -104,9 +97,20 @@ std::string RangeText(const AttributeRange& range) {
     case AttributeRange::kSpan:
       return std::to_string(range.min) + " to " + std::to_string(range.max);
     case AttributeRange::kCodes: {
+      // A run of three or more codes reads as "first to last": "0 to 4, 6, 7".
       std::string text;
-      for (int c = 0; c < 64; ++c)
-        if (range.codes >> c & 1) text += (text.empty() ? "" : ", ") + std::to_string(c);
+      for (int c = 0; c < 64; ++c) {
+        if (!(range.codes >> c & 1)) continue;
+        int last = c;
+        while (last < 63 && (range.codes >> (last + 1) & 1)) ++last;
+        text += (text.empty() ? "" : ", ") + std::to_string(c);
+        if (last - c >= 2) {
+          text += " to " + std::to_string(last);
+        } else if (last > c) {
+          text += ", " + std::to_string(last);
+        }
+        c = last;
+      }
       return text;
     }
   }

@@ -57,7 +57,8 @@ const AttributeSpec& AttributeInfo(int number);
 // "int", "lng" or "str": the add call of a kind, as docs/attributes.md names it.
 const char* CallName(Attribute::Kind kind);
 
-// The range as docs/attributes.md writes it: "any", "1 to 16777216" or "0, 4".
+// The range as docs/attributes.md writes it: "any", "1 to 16777216", "1, 2, 4, 8" or
+// "0 to 4, 6, 7".
 std::string RangeText(const AttributeRange& range);
 
 bool InRange(const AttributeRange& range, int64_t value);

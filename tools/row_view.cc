@@ -187,7 +187,7 @@ Status Print(std::ostream& out, const RowViewOptions& o, std::vector<Loaded>& co
   for (const Loaded& c : cols)
     if (o.format == RowFormat::kTable && c.dict_entries >= 0)
       out << "(" << ShortName(c.column.name) << ": dictionary of " << c.dict_entries
-          << " entries, one per distinct hour)\n";
+          << " entries)\n";
   return Status::OK();
 }
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The tool on the sample data through the real plugin: a copy, a second copy that appends,
 # the values read back (decimals exactly), a third that replaces, and a bad CSV that leaves
-# no farm behind.
+# no farm behind; then the time-level sample: copied twice, its levels read back and
+# verified.
 set -euo pipefail
 qopci=$1 examples=$2
 farm=$(mktemp -d)/farm
@@ -24,4 +25,18 @@ if "$qopci" copy --farm "$farm.bad" --manifest "$examples/trades.json" --csv "$b
   echo "a malformed CSV was accepted"; exit 1
 fi
 [[ ! -e "$farm.bad" ]] || { echo "a failed copy left a farm behind"; exit 1; }
+ticks=$(dirname "$farm")/ticks
+for _ in 1 2; do
+  "$qopci" copy --farm "$ticks" --manifest "$examples/ticks_levels.json" --csv "$examples/ticks.csv" >/dev/null
+done
+out=$("$qopci" inspect --farm "$ticks" --rows --column ts --limit 1)
+grep -q '^2012-12-31 22:15:00.093  2012123122  2012-01-01  2012-10-01  2012-12-01  2012-12-31$' <<<"$out" ||
+  { echo "expected the levels of the first tick: $out"; exit 1; }
+out=$("$qopci" inspect --farm "$ticks" --rows --all --column settled --format csv)
+[[ $(grep -c '^2013-01-02 16:00:00,2013010216,2013-01-01,2013-01-01,2013-01-01,2013-01-02$' <<<"$out") == 2 ]] ||
+  { echo "expected two settlements on 2 January: $out"; exit 1; }
+out=$("$qopci" inspect --farm "$ticks" --column settled --limit 0)
+grep -Eq 'ticks\.settled +timestamp levels dictionary +80 .*dictionary: 1[67] entries' <<<"$out" ||
+  { echo "expected 80 settlements and their distinct hours once: $out"; exit 1; }
+"$qopci" verify --farm "$ticks" >/dev/null || { echo "verify found faults in the levels"; exit 1; }
 echo ok
