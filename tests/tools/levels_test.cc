@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "corvid/gdk.h"
 #include "corvid/mtime.h"
+#include "tests/support/temp_dir.h"
 #include "tools/bench_command.h"
 #include "tools/column_attributes.h"
 #include "tools/level_target.h"
@@ -207,6 +210,26 @@ TEST(LevelsBenchTest, LevelColumnsInTheSpec) {
       EXPECT_EQ(cols.random[0], c.spec.find("random") != std::string::npos) << c.spec;
     }
   }
+}
+
+// The bench's byte count holds every level file: per row 8 bytes of timestamp, 4 of level
+// number and 32 of period starts, and per distinct hour of the dictionary form 40 more (its
+// five levels and its ordinal). Two hours of timestamps, one a second, hold two hours.
+TEST(LevelsBenchTest, EveryLevelFileIsCounted) {
+  qopci_test::TempDir tmp("qopci_bench_levels");
+  BenchOptions o;
+  o.rows = 7200;
+  o.runs = 1;
+  o.columns = "levels,levels:dict";
+  o.chunk_size = 1000;
+  o.dir = tmp.path();
+  o.json = true;
+  std::ostringstream out, log;
+  Status s = RunBench(o, out, log);
+  ASSERT_TRUE(s.ok()) << s.message();
+  const nlohmann::json j = nlohmann::json::parse(out.str());
+  const double bytes = j["bytes_per_s"].get<double>() * j["seconds"][0].get<double>();
+  EXPECT_NEAR(bytes, 2 * 7200 * (8 + 4 + 4 * 8) + 2 * (4 + 4 * 8 + 4), 1e-6 * bytes);
 }
 
 }  // namespace
