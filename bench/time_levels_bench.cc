@@ -6,7 +6,6 @@
 #include <benchmark/benchmark.h>
 #include <corvid/gdk.h>
 #include <corvid/mtime.h>
-
 #include <malloc.h>
 
 #include <cstdint>

@@ -105,7 +105,8 @@ TesselTimeLevelsChunker::DayCache& TesselTimeLevelsChunker::Lookup(int32_t days)
   const bool leap = cvd_leapyear(d.year < 0 ? d.year + 1 : d.year);
   const int32_t month_start = days - (d.day - 1);
   const int32_t year_start = month_start - kBefore[d.month] - (leap && d.month > 2 ? 1 : 0);
-  const int32_t quarter_start = year_start + kBefore[first_month] + (leap && first_month > 2 ? 1 : 0);
+  const int32_t quarter_start =
+      year_start + kBefore[first_month] + (leap && first_month > 2 ? 1 : 0);
   cache_.base = static_cast<uint32_t>(LevelNumber(d.year, d.month, d.day, 0));
   cache_.starts[0] = Midnight(year_start);
   cache_.starts[1] = Midnight(quarter_start);
@@ -210,7 +211,8 @@ bool TesselTimestampChunker::InsertVal(int64_t t) {
 size_t TesselTimestampChunker::InsertRun(const void* src, const char* type_name, size_t n,
                                          size_t stride, const void* nil) {
   if (type_name != cast_name_) ResolveCast(type_name);
-  if (!IsWideSource(type_name, stride)) return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
+  if (!IsWideSource(type_name, stride))
+    return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
   int64_t nil_bits;
   std::memcpy(&nil_bits, nil, sizeof nil_bits);
   const int64_t stored_nil = *GetNilValue();

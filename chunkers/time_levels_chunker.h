@@ -85,12 +85,12 @@ class TesselTimeLevelsChunker : public SimpleTypeChunker<int> {
   // storing the same starts again cannot change their statistics (this holds as long as
   // SetPreviousValue seeds the streams only before the first insert, as it is meant to).
   struct DayCache {
-    int32_t days = 0;      // the day number these levels are for
-    bool valid = false;    // set once a day has been split
-    bool nil = true;       // the day number has no calendar date
-    uint32_t base = 0;     // the level number of the day at hour 0
+    int32_t days = 0;                  // the day number these levels are for
+    bool valid = false;                // set once a day has been split
+    bool nil = true;                   // the day number has no calendar date
+    uint32_t base = 0;                 // the level number of the day at hour 0
     int64_t starts[4] = {0, 0, 0, 0};  // year, quarter, month and day starts
-    bool quiet = false;  // the start streams' statistics are settled for this day
+    bool quiet = false;                // the start streams' statistics are settled for this day
   };
   DayCache& Lookup(int32_t days);
 

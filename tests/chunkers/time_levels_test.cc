@@ -125,9 +125,16 @@ TEST(CalendarTest, DayNumbersWithoutADateAndTheHostsSplit) {
   struct Case {
     int32_t days;
     CivilDate want;
-  } cases[] = {{top, {CVD_YEAR_MAX, 12, 31}}, {top + 1, {}},  {INT32_MAX, {}},
-               {bottom, {CVD_YEAR_MIN, 1, 1}}, {bottom - 1, {}}, {CVD_DAY_NIL, {}},
-               {0, {}},  {1, {-1, 1, 1}},  {365, {-1, 12, 30}}, {366, {1, 1, 1}}};
+  } cases[] = {{top, {CVD_YEAR_MAX, 12, 31}},
+               {top + 1, {}},
+               {INT32_MAX, {}},
+               {bottom, {CVD_YEAR_MIN, 1, 1}},
+               {bottom - 1, {}},
+               {CVD_DAY_NIL, {}},
+               {0, {}},
+               {1, {-1, 1, 1}},
+               {365, {-1, 12, 30}},
+               {366, {1, 1, 1}}};
   for (const Case& c : cases) {
     const CivilDate got = SplitDayNumber(c.days);
     EXPECT_EQ(got.year, c.want.year) << c.days;
@@ -152,19 +159,27 @@ TEST(TimeLevelsChunkerTest, LevelsOfListedTimestamps) {
   struct Case {
     const char* what;
     int64_t t;
-    int32_t level;               // kIntNil with nil starts for a nil row
-    int ymd[3], q, qm;           // the date of the starts and its quarter's first month
+    int32_t level;      // kIntNil with nil starts for a nil row
+    int ymd[3], q, qm;  // the date of the starts and its quarter's first month
   } cases[] = {
       {"2013-05-17 14:30", At(2013, 5, 17, 14 * h + 30 * 60000), 2013051714, {2013, 5, 17}, 2, 4},
-      {"nil milliseconds", Midnight(cvd_date_days(2013, 5, 17)) | 0x80000000u,
-       int32_t(uint32_t(2013051700) + 0x80000000u), {2013, 5, 17}, 2, 4},
+      {"nil milliseconds",
+       Midnight(cvd_date_days(2013, 5, 17)) | 0x80000000u,
+       int32_t(uint32_t(2013051700) + 0x80000000u),
+       {2013, 5, 17},
+       2,
+       4},
       {"leap day 2000", At(2000, 2, 29, 24 * h - 1), 2000022923, {2000, 2, 29}, 1, 1},
       {"1900 is no leap year", At(1900, 3, 1, 0), 1900030100, {1900, 3, 1}, 1, 1},
       {"leap day 2012 14h", At(2012, 2, 29, 14 * h), 2012022914, {2012, 2, 29}, 1, 1},
       {"year 2148 wraps", At(2148, 1, 1, 0), int32_t(2148010100u), {2148, 1, 1}, 1, 1},
       {"44 BC", At(-44, 3, 15, 12 * h), -43968488, {-44, 3, 15}, 1, 1},
-      {"negative time truncates", At(2013, 12, 31, -2 * h - 1), 2013123100 - 2, {2013, 12, 31},
-       4, 10},
+      {"negative time truncates",
+       At(2013, 12, 31, -2 * h - 1),
+       2013123100 - 2,
+       {2013, 12, 31},
+       4,
+       10},
       {"timestamp 0", 0, kIntNil, {}, 0, 0},
       {"the timestamp nil", kNil, kIntNil, {}, 0, 0},
       {"day number 0", 5, kIntNil, {}, 0, 0},
