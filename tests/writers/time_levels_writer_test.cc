@@ -1,6 +1,7 @@
-// The time-level writers on real files: the bytes of every file, appends at the existing
-// count, the open and close rules of the levels writer, the dictionary writer with and
-// without a row part, and failing member writes (what is written, what is destroyed).
+// The time-level writers on real files: the open and close rules of the levels writer,
+// and failing member writes (what is still written, what is destroyed, who keeps the
+// chunk). The files of both forms, appends and the pairing with BATs are checked end to
+// end (tests/e2e/time_levels_test.cc).
 #include "writers/time_levels_writer.h"
 
 #include <atomic>
@@ -19,7 +20,6 @@ namespace qopci {
 namespace {
 
 using qopci_test::ReadFile;
-using qopci_test::WriteFile;
 
 std::atomic<int> g_destroyed{0};  // elementary chunks
 std::atomic<int> g_shells{0};     // composite chunk objects
@@ -77,14 +77,11 @@ BATChunk* LevelsChunk(int from, int to) {
                               new Counted<int64_t>(m[3])};
   return new CountedLevels(parts);
 }
-// A timestamp chunk of rows [from, to); with `ordinals`, a second member as the dictionary
-// chunker makes it.
-BATChunk* StampChunk(int from, int to, bool ordinals = false) {
+// A timestamp chunk of rows [from, to), without the dictionary's second member.
+BATChunk* StampChunk(int from, int to) {
   std::vector<int64_t> ts;
   for (int r = from; r < to; ++r) ts.push_back((int64_t{7} << 50) + r);
-  return new CountedTimestamps(new Counted<int64_t>(ts),
-                               ordinals ? new Counted<int>({1, 2}) : nullptr,
-                               LevelsChunk(from, to));
+  return new CountedTimestamps(new Counted<int64_t>(ts), nullptr, LevelsChunk(from, to));
 }
 
 class TimeLevelsWriterTest : public ::testing::Test {
@@ -92,13 +89,6 @@ class TimeLevelsWriterTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_FALSE(dir_.empty());
     g_destroyed = g_shells = 0;
-  }
-  // Fresh files name.0 .. name.5 (0: timestamps, 1-5: levels), each holding `rows` values
-  // and a spare one that an append at `rows` must overwrite.
-  void Prefill(const std::string& name, int rows) {
-    WriteFile(Path(name, 0), StampBytes(0, rows) + Bytes<int64_t>({-1}));
-    for (int f = 0; f < 5; ++f)
-      WriteFile(Path(name, f + 1), LevelBytes(f, 0, rows) + LevelBytes(f, 99, 100));
   }
   std::string Path(const std::string& name, int k) {
     return dir_ + "/" + name + "." + std::to_string(k);
@@ -129,58 +119,10 @@ class TimeLevelsWriterTest : public ::testing::Test {
   std::list<NameSet> names_;
 };
 
-// Two chunks through a timestamp writer, appended behind `existing` rows or written anew,
-// queued or direct: six files of exactly the rows, and every chunk destroyed.
-TEST_F(TimeLevelsWriterTest, TimestampWriterAppendsSixFiles) {
-  struct Case {
-    const char* name;
-    bool keep;
-    int existing;
-  } cases[] = {{"append behind 3", true, 3}, {"anew", false, 0}, {"append to empty", true, 0}};
-  for (bool queued : {false, true}) {
-    for (const Case& c : cases) {
-      SCOPED_TRACE(testing::Message() << c.name << (queued ? ", queued" : ", direct"));
-      g_destroyed = g_shells = 0;
-      Prefill("t", 3);
-      std::string ts = Path("t", 0);
-      ConcurrentQueue queue(nullptr, 2);
-      {
-        TesselTimestampWriter w(ts.c_str(), Names("t"), c.keep, c.existing);
-        if (queued) w.SetQueue(&queue);
-        std::list<BATWriter*> files;
-        w.RegisterIn(files);
-        ASSERT_EQ(files.size(), 6u);
-        EXPECT_EQ(files.front(), &w);
-        EXPECT_EQ(*std::next(files.begin()), w.levels());
-        EXPECT_EQ(files.back(), w.levels()->member(3));
-        for (BATWriter* f : files) EXPECT_EQ(f->GetQueue(), queued ? &queue : nullptr);
-        ASSERT_TRUE(w.Open());
-        ASSERT_TRUE(SubmitChunk(&w, StampChunk(c.existing, c.existing + 2), true));
-        ASSERT_TRUE(SubmitChunk(&w, StampChunk(c.existing + 2, c.existing + 5), true));
-        queue.WaitForProcessingEnd();
-        EXPECT_TRUE(queue.m_bOK);
-        EXPECT_EQ(g_destroyed, 12);
-        EXPECT_EQ(g_shells, 4);
-        EXPECT_EQ(w.GetTailSize(), (c.existing + 5) * 8u);
-        EXPECT_EQ(w.levels()->GetTailSize(), (c.existing + 5) * 4u);
-        ASSERT_TRUE(w.Close());
-        // The levels writer's Close left its members open; they close one by one.
-        for (int k = 0; k < 4; ++k) {
-          EXPECT_FALSE(w.levels()->member(k)->tail()->IsClosed());
-          EXPECT_TRUE(w.levels()->member(k)->Close());
-          EXPECT_EQ(w.levels()->member(k)->GetTailMappedSize(), (c.existing + 5) * 8u);
-          EXPECT_TRUE(w.levels()->member(k)->Close());  // a second Close changes nothing
-        }
-      }
-      EXPECT_TRUE(ReadFile(ts) == StampBytes(0, c.existing + 5));
-      ExpectLevelFiles("t", 0, c.existing + 5);
-    }
-  }
-}
-
 // The levels writer opens all five files; Open is true when the four members opened.
 // A member left closed makes its writes fail, but the other members are still written;
-// an own tail left closed does not fail the chunk.
+// an own tail left closed does not fail the chunk. Close closes the own tail alone: the
+// members stay open, their size on disk not yet final, until each is closed.
 TEST_F(TimeLevelsWriterTest, LevelsWriterOpenAndWriteRules) {
   struct Case {
     const char* name;
@@ -214,65 +156,15 @@ TEST_F(TimeLevelsWriterTest, LevelsWriterOpenAndWriteRules) {
     }
     EXPECT_EQ(g_shells, 1);
     w.Close();
-    for (int k = 0; k < 4; ++k) w.member(k)->Close();
+    for (int k = 0; k < 4; ++k) {
+      if (k + 1 == c.unopenable) continue;
+      EXPECT_FALSE(w.member(k)->tail()->IsClosed());
+      EXPECT_TRUE(w.member(k)->Close());
+      EXPECT_EQ(w.member(k)->GetTailMappedSize(), 24u);
+    }
     for (int f = 0; f < 5; ++f) {
       SCOPED_TRACE("file " + std::to_string(f));
       EXPECT_TRUE(ReadFile(p[f]) == (f == c.unopenable ? "" : LevelBytes(f, 0, 3)));
-    }
-  }
-}
-
-// The dictionary writer: the dictionary's levels and key codes always appended to, the row
-// part only when the column has a row tail; queued or direct. The chunk objects are kept
-// by the writer, emptied, until it goes.
-TEST_F(TimeLevelsWriterTest, DictionaryWriterFiles) {
-  for (bool with_rows : {true, false}) {
-    for (bool queued : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "rows " << with_rows << " queued " << queued);
-      g_destroyed = g_shells = 0;
-      std::filesystem::remove_all(dir_);
-      std::filesystem::create_directory(dir_);
-      Prefill("d", 2);  // two entries in the dictionary
-      Prefill("r", 4);  // four rows
-      std::string codes = dir_ + "/codes", rows = Path("r", 0);
-      WriteFile(codes, Bytes<int>({1, 2, 77}));
-      ConcurrentQueue queue(nullptr, 3);
-      {
-        TesselTimestampDictWriter w(with_rows ? rows.c_str() : nullptr, Names("r"), codes.c_str(),
-                                    Names("d"), true, 2, 4);
-        if (queued) w.SetQueue(&queue);
-        std::list<BATWriter*> files;
-        w.RegisterIn(files);
-        EXPECT_EQ(files.size(), with_rows ? 13u : 7u);
-        EXPECT_EQ(files.front(), &w);
-        EXPECT_EQ(w.GetValueWidth(), with_rows ? 8u : 0u);
-        ASSERT_TRUE(w.Open());
-        // Chunk k: dictionary entries [2 + k, 3 + k) with ordinals, rows [4 + 3k, 7 + 3k).
-        for (int k = 0; k < 2; ++k) {
-          std::vector<int> ordinal = {3 + k};
-          BATChunk* chunk =
-              new CountedTimestamps(StampChunk(4 + 3 * k, 7 + 3 * k), new Counted<int>(ordinal),
-                                    LevelsChunk(2 + k, 3 + k));
-          ASSERT_TRUE(SubmitChunk(&w, chunk, true));
-        }
-        queue.WaitForProcessingEnd();
-        EXPECT_TRUE(queue.m_bOK);
-        EXPECT_EQ(g_destroyed, 2 * 12);
-        EXPECT_EQ(g_shells, 2 * 3);  // the row composites and the levels, not the outer ones
-        EXPECT_EQ(w.KeptChunkCount(), 2u);
-        w.Close();
-      }
-      EXPECT_EQ(g_shells, 2 * 4);
-      ExpectLevelFiles("d", 0, 4);
-      EXPECT_TRUE(ReadFile(codes) == Bytes<int>({1, 2, 3, 4}));
-      if (with_rows) {
-        EXPECT_TRUE(ReadFile(rows) == StampBytes(0, 10));
-        ExpectLevelFiles("r", 0, 10);
-      } else {
-        EXPECT_TRUE(ReadFile(rows) == StampBytes(0, 4) + Bytes<int64_t>({-1}));  // untouched
-        for (int f = 0; f < 5; ++f)
-          EXPECT_TRUE(ReadFile(Path("r", f + 1)) == LevelBytes(f, 0, 4) + LevelBytes(f, 99, 100));
-      }
     }
   }
 }
