@@ -109,9 +109,6 @@ class TesselTimestampDictWriter : public DictBATWriter {
   // emptied object is left to the caller.
   bool WriteChunk(BATChunk* chunk) override;
 
-  // Chunk objects handed in and kept; for tests.
-  size_t KeptChunkCount() const { return kept_.size(); }
-
  private:
   std::vector<std::unique_ptr<BATChunk>> kept_;  // emptied chunks of successful writes
 };
