@@ -147,43 +147,30 @@ TEST_F(LevelsCopyTest, CreatedAppendedReplacedAndReadBackWithTheirLevels) {
 // The table and JSON views carry the same levels; JSON gives level numbers as numbers and
 // the dictionary's size with the column.
 TEST_F(LevelsCopyTest, TableAndJsonViewsShowTheLevels) {
+  const std::string table =
+      "                  v     v.level      v.year   v.quarter     v.month       v.day\n"
+      "2013-05-17 14:30:00  2013051714  2013-01-01  2013-04-01  2013-05-01  2013-05-17\n"
+      "2012-12-31 23:00:00  2012123123  2012-01-01  2012-10-01  2012-12-01  2012-12-31\n"
+      "               NULL        NULL        NULL        NULL        NULL        NULL\n";
+  // The JSON after the first column's type.
+  const std::string json =
+      R"(, {"name": "v.level", "type": "int"}, {"name": "v.year", "type": "timestamp"}, )"
+      R"({"name": "v.quarter", "type": "timestamp"}, {"name": "v.month", "type": "timestamp"}, )"
+      R"({"name": "v.day", "type": "timestamp"}], "count": 3, "rows": [)"
+      "\n"
+      R"(["2013-05-17 14:30:00", 2013051714, "2013-01-01", "2013-04-01", "2013-05-01", )"
+      R"("2013-05-17"],)"
+      "\n"
+      R"(["2012-12-31 23:00:00", 2012123123, "2012-01-01", "2012-10-01", "2012-12-01", )"
+      R"("2012-12-31"],)"
+      "\n[null, null, null, null, null, null]]}\n";
+  const std::string head = R"({"table": "t", "columns": [{"name": "v", "type": "timestamp levels)";
   const struct {
     std::string column, table, json;
   } cases[] = {
-      {kPlain,
-       "                  v     v.level      v.year   v.quarter     v.month       v.day\n"
-       "2013-05-17 14:30:00  2013051714  2013-01-01  2013-04-01  2013-05-01  2013-05-17\n"
-       "2012-12-31 23:00:00  2012123123  2012-01-01  2012-10-01  2012-12-01  2012-12-31\n"
-       "               NULL        NULL        NULL        NULL        NULL        NULL\n",
-       R"({"table": "t", "columns": [{"name": "v", "type": "timestamp levels"}, )"
-       R"({"name": "v.level", "type": "int"}, {"name": "v.year", "type": "timestamp"}, )"
-       R"({"name": "v.quarter", "type": "timestamp"}, {"name": "v.month", "type": "timestamp"}, )"
-       R"({"name": "v.day", "type": "timestamp"}], "count": 3, "rows": [)"
-       "\n"
-       R"(["2013-05-17 14:30:00", 2013051714, "2013-01-01", "2013-04-01", "2013-05-01", )"
-       R"("2013-05-17"],)"
-       "\n"
-       R"(["2012-12-31 23:00:00", 2012123123, "2012-01-01", "2012-10-01", "2012-12-01", )"
-       R"("2012-12-31"],)"
-       "\n[null, null, null, null, null, null]]}\n"},
-      {kDict,
-       "                  v     v.level      v.year   v.quarter     v.month       v.day\n"
-       "2013-05-17 14:30:00  2013051714  2013-01-01  2013-04-01  2013-05-01  2013-05-17\n"
-       "2012-12-31 23:00:00  2012123123  2012-01-01  2012-10-01  2012-12-01  2012-12-31\n"
-       "               NULL        NULL        NULL        NULL        NULL        NULL\n"
-       "(v: dictionary of 3 entries)\n",
-       R"({"table": "t", "columns": [{"name": "v", "type": "timestamp levels dictionary", )"
-       R"("dictionary_entries": 3}, )"
-       R"({"name": "v.level", "type": "int"}, {"name": "v.year", "type": "timestamp"}, )"
-       R"({"name": "v.quarter", "type": "timestamp"}, {"name": "v.month", "type": "timestamp"}, )"
-       R"({"name": "v.day", "type": "timestamp"}], "count": 3, "rows": [)"
-       "\n"
-       R"(["2013-05-17 14:30:00", 2013051714, "2013-01-01", "2013-04-01", "2013-05-01", )"
-       R"("2013-05-17"],)"
-       "\n"
-       R"(["2012-12-31 23:00:00", 2012123123, "2012-01-01", "2012-10-01", "2012-12-01", )"
-       R"("2012-12-31"],)"
-       "\n[null, null, null, null, null, null]]}\n"},
+      {kPlain, table, head + R"("})" + json},
+      {kDict, table + "(v: dictionary of 3 entries)\n",
+       head + R"( dictionary", "dictionary_entries": 3})" + json},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.column);
