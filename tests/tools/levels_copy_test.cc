@@ -274,5 +274,20 @@ TEST_F(LevelsCopyTest, VerifyFindsLevelsThatDisagreeWithTheirTimestamps) {
   }
 }
 
+// Nil rows share one dictionary entry, found again after the dictionary is reloaded, so
+// appends of the same hours add nothing. Disabled: the timestamp dictionary chunker keys a
+// nil row by the level number of the empty date (0) while the entry it writes holds the
+// level stream's nil, so each append adds another nil entry and the third export cannot
+// reload the dictionary ("Failed to insert pair to hash").
+TEST_F(LevelsCopyTest, DISABLED_NilRowsKeepOneEntryAcrossAppends) {
+  for (int copy = 1; copy <= 3; ++copy) {
+    SCOPED_TRACE(copy);
+    ASSERT_TRUE(Copy(kDict, "2013-05-17 14:30:00\nNULL\nNULL\n").ok());
+    EXPECT_NE(summary_.str().find("timestamp levels dictionary[2]"), std::string::npos)
+        << summary_.str();
+  }
+  EXPECT_EQ(Verify(), "ok");
+}
+
 }  // namespace
 }  // namespace qopci
