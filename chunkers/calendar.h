@@ -33,10 +33,10 @@ inline CivilDate SplitDayNumber(int32_t days) {
   // Days since 1 March of year 0 (astronomical), in 400-year eras of 146097 days.
   const int64_t z = z0 + 719468;
   const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const int64_t doe = z - era * 146097;                                   // [0, 146096]
+  const int64_t doe = z - era * 146097;                                       // [0, 146096]
   const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;  // [0, 399]
-  const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);            // [0, 365]
-  const int64_t mp = (5 * doy + 2) / 153;                                 // March is 0
+  const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);                // [0, 365]
+  const int64_t mp = (5 * doy + 2) / 153;                                     // March is 0
   const int d = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
   const int m = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
   const int64_t y = yoe + era * 400 + (m <= 2 ? 1 : 0);  // astronomical: 0 is 1 BC

@@ -185,8 +185,7 @@ bool DictChunkerBase<K, C, RC>::InsertNil() {
   return InsertVal(*this->GetNilValue());
 }
 
-template bool LoadDictionaryFrom(HashBase<int, int>&, BATReader<int>*, BATReader<int>*,
-                                 TextLog*);
+template bool LoadDictionaryFrom(HashBase<int, int>&, BATReader<int>*, BATReader<int>*, TextLog*);
 template class DictChunkerBaseBase<char, char, char>;
 template class DictChunkerBaseBase<short, short, short>;
 template class DictChunkerBaseBase<int, int, int>;

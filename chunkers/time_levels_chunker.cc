@@ -89,33 +89,50 @@ bool TesselTimeLevelsChunker::InsertNil() {
   return own && year && quarter && month && day;
 }
 
-const TesselTimeLevelsChunker::DayCache& TesselTimeLevelsChunker::Lookup(int32_t days) {
+TesselTimeLevelsChunker::DayCache& TesselTimeLevelsChunker::Lookup(int32_t days) {
   if (cache_.valid && cache_.days == days) [[likely]]
     return cache_;
+  // Days before the month in a common year.
+  static constexpr int32_t kBefore[13] = {0, 0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
   const CivilDate d = SplitDayNumber(days);
   cache_.days = days;
   cache_.valid = true;
+  cache_.quiet = false;
   cache_.nil = d.year == 0 && d.month == 0 && d.day == 0;
   if (cache_.nil) return cache_;
-  const int quarter = (d.month - 1) / 3 + 1;
+  // Day numbers run without a gap within a year, so the starts follow from the date.
+  const int first_month = (d.month - 1) / 3 * 3 + 1;
+  const bool leap = cvd_leapyear(d.year < 0 ? d.year + 1 : d.year);
+  const int32_t month_start = days - (d.day - 1);
+  const int32_t year_start = month_start - kBefore[d.month] - (leap && d.month > 2 ? 1 : 0);
+  const int32_t quarter_start =
+      year_start + kBefore[first_month] + (leap && first_month > 2 ? 1 : 0);
   cache_.base = static_cast<uint32_t>(LevelNumber(d.year, d.month, d.day, 0));
-  cache_.starts[0] = Midnight(cvd_date_days(d.year, 1, 1));
-  cache_.starts[1] = Midnight(cvd_date_days(d.year, 3 * quarter - 2, 1));
-  cache_.starts[2] = Midnight(cvd_date_days(d.year, d.month, 1));
-  cache_.starts[3] = Midnight(cvd_date_days(d.year, d.month, d.day));
+  cache_.starts[0] = Midnight(year_start);
+  cache_.starts[1] = Midnight(quarter_start);
+  cache_.starts[2] = Midnight(month_start);
+  cache_.starts[3] = Midnight(days);
   return cache_;
 }
 
 bool TesselTimeLevelsChunker::InsertTimestamp(int64_t t) {
   if (IsChunkFull()) return false;
   // A timestamp of 0 has day number 0, which no date has: a nil row like the nil.
-  const DayCache& c = Lookup(DaysOf(t));
+  DayCache& c = Lookup(DaysOf(t));
   if (c.nil) return InsertNil();
   Store(static_cast<int32_t>(c.base + static_cast<uint32_t>(HourOf(t))));
+  if (c.quiet) {
+    year_.AppendQuiet(c.starts[0]);
+    quarter_.AppendQuiet(c.starts[1]);
+    month_.AppendQuiet(c.starts[2]);
+    day_.AppendQuiet(c.starts[3]);
+    return true;
+  }
   const bool year = year_.InsertVal(c.starts[0]);
   const bool quarter = quarter_.InsertVal(c.starts[1]);
   const bool month = month_.InsertVal(c.starts[2]);
   const bool day = day_.InsertVal(c.starts[3]);
+  c.quiet = !year_.IsKey() && !quarter_.IsKey() && !month_.IsKey() && !day_.IsKey();
   return year && quarter && month && day;
 }
 
@@ -194,7 +211,8 @@ bool TesselTimestampChunker::InsertVal(int64_t t) {
 size_t TesselTimestampChunker::InsertRun(const void* src, const char* type_name, size_t n,
                                          size_t stride, const void* nil) {
   if (type_name != cast_name_) ResolveCast(type_name);
-  if (!IsWideSource(type_name, stride)) return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
+  if (!IsWideSource(type_name, stride))
+    return ChunkerBase::InsertRun(src, type_name, n, stride, nil);
   int64_t nil_bits;
   std::memcpy(&nil_bits, nil, sizeof nil_bits);
   const int64_t stored_nil = *GetNilValue();

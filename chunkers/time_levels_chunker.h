@@ -38,6 +38,13 @@ class TimestampStream : public TimestampChunker {
   // REQUIRES: the chunk has room for k more values.
   void AppendConstant(int64_t v, size_t k);
   void AppendRun(const int64_t* v, size_t k);
+  // Stores v without touching the statistics. REQUIRES: room for one more value, v is not
+  // 0, and InsertVal(v) would leave the statistics as they are.
+  void AppendQuiet(int64_t v) {
+    chunk_->buffer_[chunk_->count_++] = v;
+    chunk_->size_ += sizeof(int64_t);
+    ++value_count_;
+  }
 };
 
 // Its own stream (chunk, statistics, IsChunkFull) is the level number; it owns the four
@@ -73,15 +80,19 @@ class TesselTimeLevelsChunker : public SimpleTypeChunker<int> {
   TimestampChunker& Days() { return day_; }
 
  private:
-  // The levels of the last day seen: a row of the same day needs only its hour.
+  // The levels of the last day seen: a row of the same day needs only its hour. Once a
+  // row of the day is stored and the four start streams are no longer strictly ascending,
+  // storing the same starts again cannot change their statistics (this holds as long as
+  // SetPreviousValue seeds the streams only before the first insert, as it is meant to).
   struct DayCache {
-    int32_t days = 0;      // the day number these levels are for
-    bool valid = false;    // set once a day has been split
-    bool nil = true;       // the day number has no calendar date
-    uint32_t base = 0;     // the level number of the day at hour 0
+    int32_t days = 0;                  // the day number these levels are for
+    bool valid = false;                // set once a day has been split
+    bool nil = true;                   // the day number has no calendar date
+    uint32_t base = 0;                 // the level number of the day at hour 0
     int64_t starts[4] = {0, 0, 0, 0};  // year, quarter, month and day starts
+    bool quiet = false;                // the start streams' statistics are settled for this day
   };
-  const DayCache& Lookup(int32_t days);
+  DayCache& Lookup(int32_t days);
 
   TimestampStream year_;
   TimestampStream quarter_;

@@ -69,8 +69,8 @@ size_t TesselTimestampDictChunker::InsertRun(const void* src, const char* type_n
   return i;
 }
 
-bool TesselTimestampDictChunker::InsertDateTime(int year, int month, int day, int hour,
-                                                int minute, int second, int millisecond) {
+bool TesselTimestampDictChunker::InsertDateTime(int year, int month, int day, int hour, int minute,
+                                                int second, int millisecond) {
   return InsertPair(LevelNumber(year, month, day, hour),
                     MakeTimestamp(year, month, day, hour, minute, second, millisecond));
 }

@@ -87,11 +87,11 @@ class TesselTimestampDictChunker : public DictChunkerInterface<int64_t> {
   SimpleTypeChunker<int>& Ordinals() { return ordinals_; }
 
  private:
-  uint64_t row_count_ = 0;          // rows over the chunker's life
-  bool nil_as_key_;                 // given to the dictionary
-  KhashHash<int, int> dictionary_;  // level number -> itself
-  TesselTimeLevelsChunker levels_;  // the levels of each new hour
-  TesselTimestampChunker stamps_;   // every row's timestamp but -1
+  uint64_t row_count_ = 0;           // rows over the chunker's life
+  bool nil_as_key_;                  // given to the dictionary
+  KhashHash<int, int> dictionary_;   // level number -> itself
+  TesselTimeLevelsChunker levels_;   // the levels of each new hour
+  TesselTimestampChunker stamps_;    // every row's timestamp but -1
   SimpleTypeChunker<int> ordinals_;  // the dictionary's size after each new hour
   std::string last_report_;          // log of the last load
 };
