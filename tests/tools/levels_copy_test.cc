@@ -147,43 +147,30 @@ TEST_F(LevelsCopyTest, CreatedAppendedReplacedAndReadBackWithTheirLevels) {
 // The table and JSON views carry the same levels; JSON gives level numbers as numbers and
 // the dictionary's size with the column.
 TEST_F(LevelsCopyTest, TableAndJsonViewsShowTheLevels) {
+  const std::string table =
+      "                  v     v.level      v.year   v.quarter     v.month       v.day\n"
+      "2013-05-17 14:30:00  2013051714  2013-01-01  2013-04-01  2013-05-01  2013-05-17\n"
+      "2012-12-31 23:00:00  2012123123  2012-01-01  2012-10-01  2012-12-01  2012-12-31\n"
+      "               NULL        NULL        NULL        NULL        NULL        NULL\n";
+  // The JSON after the first column's type.
+  const std::string json =
+      R"(, {"name": "v.level", "type": "int"}, {"name": "v.year", "type": "timestamp"}, )"
+      R"({"name": "v.quarter", "type": "timestamp"}, {"name": "v.month", "type": "timestamp"}, )"
+      R"({"name": "v.day", "type": "timestamp"}], "count": 3, "rows": [)"
+      "\n"
+      R"(["2013-05-17 14:30:00", 2013051714, "2013-01-01", "2013-04-01", "2013-05-01", )"
+      R"("2013-05-17"],)"
+      "\n"
+      R"(["2012-12-31 23:00:00", 2012123123, "2012-01-01", "2012-10-01", "2012-12-01", )"
+      R"("2012-12-31"],)"
+      "\n[null, null, null, null, null, null]]}\n";
+  const std::string head = R"({"table": "t", "columns": [{"name": "v", "type": "timestamp levels)";
   const struct {
     std::string column, table, json;
   } cases[] = {
-      {kPlain,
-       "                  v     v.level      v.year   v.quarter     v.month       v.day\n"
-       "2013-05-17 14:30:00  2013051714  2013-01-01  2013-04-01  2013-05-01  2013-05-17\n"
-       "2012-12-31 23:00:00  2012123123  2012-01-01  2012-10-01  2012-12-01  2012-12-31\n"
-       "               NULL        NULL        NULL        NULL        NULL        NULL\n",
-       R"({"table": "t", "columns": [{"name": "v", "type": "timestamp levels"}, )"
-       R"({"name": "v.level", "type": "int"}, {"name": "v.year", "type": "timestamp"}, )"
-       R"({"name": "v.quarter", "type": "timestamp"}, {"name": "v.month", "type": "timestamp"}, )"
-       R"({"name": "v.day", "type": "timestamp"}], "count": 3, "rows": [)"
-       "\n"
-       R"(["2013-05-17 14:30:00", 2013051714, "2013-01-01", "2013-04-01", "2013-05-01", )"
-       R"("2013-05-17"],)"
-       "\n"
-       R"(["2012-12-31 23:00:00", 2012123123, "2012-01-01", "2012-10-01", "2012-12-01", )"
-       R"("2012-12-31"],)"
-       "\n[null, null, null, null, null, null]]}\n"},
-      {kDict,
-       "                  v     v.level      v.year   v.quarter     v.month       v.day\n"
-       "2013-05-17 14:30:00  2013051714  2013-01-01  2013-04-01  2013-05-01  2013-05-17\n"
-       "2012-12-31 23:00:00  2012123123  2012-01-01  2012-10-01  2012-12-01  2012-12-31\n"
-       "               NULL        NULL        NULL        NULL        NULL        NULL\n"
-       "(v: dictionary of 3 entries)\n",
-       R"({"table": "t", "columns": [{"name": "v", "type": "timestamp levels dictionary", )"
-       R"("dictionary_entries": 3}, )"
-       R"({"name": "v.level", "type": "int"}, {"name": "v.year", "type": "timestamp"}, )"
-       R"({"name": "v.quarter", "type": "timestamp"}, {"name": "v.month", "type": "timestamp"}, )"
-       R"({"name": "v.day", "type": "timestamp"}], "count": 3, "rows": [)"
-       "\n"
-       R"(["2013-05-17 14:30:00", 2013051714, "2013-01-01", "2013-04-01", "2013-05-01", )"
-       R"("2013-05-17"],)"
-       "\n"
-       R"(["2012-12-31 23:00:00", 2012123123, "2012-01-01", "2012-10-01", "2012-12-01", )"
-       R"("2012-12-31"],)"
-       "\n[null, null, null, null, null, null]]}\n"},
+      {kPlain, table, head + R"("})" + json},
+      {kDict, table + "(v: dictionary of 3 entries)\n",
+       head + R"( dictionary", "dictionary_entries": 3})" + json},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.column);
@@ -285,6 +272,21 @@ TEST_F(LevelsCopyTest, VerifyFindsLevelsThatDisagreeWithTheirTimestamps) {
     CVDfarm_close();
     EXPECT_EQ(Verify(), c.want + "farm " + options_.farm + " has 1 fault");
   }
+}
+
+// Nil rows share one dictionary entry, found again after the dictionary is reloaded, so
+// appends of the same hours add nothing. Disabled: the timestamp dictionary chunker keys a
+// nil row by the level number of the empty date (0) while the entry it writes holds the
+// level stream's nil, so each append adds another nil entry and the third export cannot
+// reload the dictionary ("Failed to insert pair to hash").
+TEST_F(LevelsCopyTest, DISABLED_NilRowsKeepOneEntryAcrossAppends) {
+  for (int copy = 1; copy <= 3; ++copy) {
+    SCOPED_TRACE(copy);
+    ASSERT_TRUE(Copy(kDict, "2013-05-17 14:30:00\nNULL\nNULL\n").ok());
+    EXPECT_NE(summary_.str().find("timestamp levels dictionary[2]"), std::string::npos)
+        << summary_.str();
+  }
+  EXPECT_EQ(Verify(), "ok");
 }
 
 }  // namespace
