@@ -76,8 +76,17 @@ bool TesselTimestampDictChunker::InsertDateTime(int year, int month, int day, in
 }
 
 bool TesselTimestampDictChunker::InsertPair(int32_t level, int64_t timestamp) {
+  // An entry is found again after a reload by the level number its levels row holds. For
+  // a row of valid date and time that is `level`; a row whose date or time is nil stores
+  // other levels (those of the nil row, or of the day a nil time lowers it to), and keyed
+  // by `level` it would enter the dictionary once more at every export. With nil not a
+  // key, a nil row stays out of the dictionary, as in every dictionary column.
+  const int32_t stored = levels_.LevelNumberOf(timestamp);
+  if (stored != level) level = stored;
   int code;
-  if (!dictionary_.Find(level, &code)) {
+  if (level == *levels_.GetNilValue() && !nil_as_key_) {
+    // Not coded: only its timestamp row is stored.
+  } else if (!dictionary_.Find(level, &code)) {
     dictionary_.Insert(level, level);
     if (!levels_.InsertTimestamp(timestamp)) return false;
     if (!ordinals_.InsertVal(static_cast<int>(dictionary_.Size()))) return false;

@@ -64,7 +64,10 @@ class TesselTimestampDictChunker : public DictChunkerInterface<int64_t> {
                       int millisecond);
   // One row: a level number not yet in the dictionary enters it with itself as code, its
   // levels (those of timestamp) go to the levels stream and the dictionary's new size to
-  // the ordinal stream; then timestamp, unless it is -1, goes to the timestamp stream.
+  // the ordinal stream; then timestamp, unless it is -1, goes to the timestamp stream. The
+  // key is the level number the entry stores for timestamp, which is `level` for a valid
+  // date and time, so that a reloaded dictionary finds every key again; a nil row (nil
+  // level) enters the dictionary only when nil is a key.
   bool InsertPair(int32_t level, int64_t timestamp);
   // InsertPair for n pairs in order, stopping at the first failure; true for n < 1.
   bool InsertPairs(const int32_t* levels, const int64_t* timestamps, int n);

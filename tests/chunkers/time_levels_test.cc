@@ -277,9 +277,7 @@ TEST(TimestampDictChunkerTest, EachHourIsCodedOnce) {
   const std::vector<int64_t> rows = {d + 14 * h, d + 14 * h + 30 * 60000, d + 15 * h + 1,
                                      d + 14 * h + 59 * 60000, d + 16 * h};
   for (int64_t t : rows) ASSERT_TRUE(chunker.InsertVal(t));
-  ASSERT_TRUE(chunker.InsertPair(2013051716, -1));  // a row, not stored
   EXPECT_EQ(chunker.GetDictionarySize(), 3u);
-  EXPECT_EQ(chunker.GetValueCount(), 6u);
   std::list<ChunkerBase*> files;
   chunker.AddToList(files);
   std::vector<int> widths;
@@ -309,6 +307,31 @@ TEST(TimestampDictChunkerTest, EachHourIsCodedOnce) {
   EXPECT_EQ(got[6], want[0]);
   EXPECT_EQ(std::vector<std::string>(got.begin() + 7, got.end()),
             std::vector<std::string>(want.begin() + 7, want.end()));
+  // The all-ones timestamp is a row but is not stored.
+  ASSERT_TRUE(chunker.InsertPair(0, -1));
+  EXPECT_EQ(chunker.GetValueCount(), 6u);
+  EXPECT_EQ(chunker.Timestamps().GetValueCount(), 5u);
+}
+
+// A dictionary is keyed by the level numbers its entries store, so that a dictionary
+// reloaded from them finds every key again: a nil row is not an entry unless nil is a key,
+// and a row whose given level number differs from what its levels store (a nil time part)
+// is keyed by the stored one.
+TEST(TimestampDictChunkerTest, KeysAreTheStoredLevelNumbers) {
+  const int64_t d = At(2013, 5, 17, 0);
+  for (bool nil_as_key : {false, true}) {
+    SCOPED_TRACE(nil_as_key);
+    TesselTimestampDictChunker chunker(16, nil_as_key);
+    ASSERT_TRUE(chunker.InsertVal(kNil) && chunker.InsertVal(0) && chunker.InsertVal(kNil));
+    EXPECT_EQ(chunker.GetDictionarySize(), nil_as_key ? 1u : 0u);
+    const int64_t stamp = d + 3600000;
+    ASSERT_TRUE(chunker.InsertPair(12345, stamp) && chunker.InsertVal(stamp));
+    EXPECT_EQ(chunker.GetDictionarySize(), nil_as_key ? 2u : 1u);
+    int code;
+    EXPECT_TRUE(chunker.Dictionary().Find(2013051701, &code));
+    EXPECT_FALSE(chunker.Dictionary().Find(12345, &code));
+    EXPECT_EQ(chunker.GetValueCount(), 5u);
+  }
 }
 
 // Everything a run must leave as value-by-value inserts would: the bytes of every file
