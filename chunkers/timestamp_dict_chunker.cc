@@ -41,6 +41,13 @@ bool TesselTimestampDictChunker::IsChunkFull() {
 }
 
 bool TesselTimestampDictChunker::InsertVal(int64_t t) {
+  // A time of day within its range on a day that has a date rebuilds to t itself, and its
+  // level number is the one the levels store: the split and rebuild can be skipped.
+  const int32_t msecs = static_cast<int32_t>(static_cast<uint32_t>(t));
+  if (msecs >= 0 && msecs < 86400000) [[likely]] {
+    const int32_t level = levels_.LevelNumberOf(t);
+    if (level != *levels_.GetNilValue()) return InsertPair(level, t);
+  }
   const CivilDate d = SplitDayNumber(static_cast<int32_t>(t >> 32));
   const int32_t ms = static_cast<int32_t>(static_cast<uint32_t>(t));
   if (ms == CVD_MSEC_NIL)
