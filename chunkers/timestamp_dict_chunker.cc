@@ -46,7 +46,7 @@ bool TesselTimestampDictChunker::InsertVal(int64_t t) {
   const int32_t msecs = static_cast<int32_t>(static_cast<uint32_t>(t));
   if (msecs >= 0 && msecs < 86400000) [[likely]] {
     const int32_t level = levels_.LevelNumberOf(t);
-    if (level != *levels_.GetNilValue()) return InsertPair(level, t);
+    if (level != *levels_.GetNilValue()) return AddRow(level, t);
   }
   const CivilDate d = SplitDayNumber(static_cast<int32_t>(t >> 32));
   const int32_t ms = static_cast<int32_t>(static_cast<uint32_t>(t));
@@ -86,10 +86,13 @@ bool TesselTimestampDictChunker::InsertPair(int32_t level, int64_t timestamp) {
   // An entry is found again after a reload by the level number its levels row holds. For
   // a row of valid date and time that is `level`; a row whose date or time is nil stores
   // other levels (those of the nil row, or of the day a nil time lowers it to), and keyed
-  // by `level` it would enter the dictionary once more at every export. With nil not a
-  // key, a nil row stays out of the dictionary, as in every dictionary column.
-  const int32_t stored = levels_.LevelNumberOf(timestamp);
-  if (stored != level) level = stored;
+  // by `level` it would enter the dictionary once more at every export.
+  (void)level;
+  return AddRow(levels_.LevelNumberOf(timestamp), timestamp);
+}
+
+// With nil not a key, a nil row stays out of the dictionary, as in every dictionary column.
+bool TesselTimestampDictChunker::AddRow(int32_t level, int64_t timestamp) {
   int code;
   if (level == *levels_.GetNilValue() && !nil_as_key_) {
     // Not coded: only its timestamp row is stored.

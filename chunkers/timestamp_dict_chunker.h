@@ -90,6 +90,9 @@ class TesselTimestampDictChunker : public DictChunkerInterface<int64_t> {
   SimpleTypeChunker<int>& Ordinals() { return ordinals_; }
 
  private:
+  // InsertPair of a row whose key, the level number its entry stores, is known.
+  bool AddRow(int32_t level, int64_t timestamp);
+
   uint64_t row_count_ = 0;           // rows over the chunker's life
   bool nil_as_key_;                  // given to the dictionary
   KhashHash<int, int> dictionary_;   // level number -> itself
